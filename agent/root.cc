@@ -1,0 +1,5 @@
+#include "agent/root.h"
+
+const char* kovra_root() {
+  return KOVRA_ROOT_DIR;
+}
