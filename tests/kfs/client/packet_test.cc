@@ -1,5 +1,6 @@
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,7 +53,9 @@ TEST(KfsBody, LimitsOfTextsAndBody) {
   kfs_put_str8(&body, std::string(300, 'q').c_str());  // length byte wraps
   EXPECT_EQ(body.length, 1u + 44u);
   EXPECT_EQ(m->buffer[0], 44);
-  ASSERT_EQ(kfs_put_bytes(&body, m->buffer, KFS_MAX_BODY - body.length), 0);
+  Bytes fill(KFS_MAX_BODY - body.length, 0x33);
+  ASSERT_EQ(
+      kfs_put_bytes(&body, fill.data(), static_cast<uint32_t>(fill.size())), 0);
   EXPECT_EQ(kfs_put_u8(&body, 1), -1);  // one byte too many
   EXPECT_FALSE(kfs_body_ok(&body));
   EXPECT_EQ(body.length, KFS_MAX_BODY);
@@ -80,7 +83,7 @@ TEST(KfsBody, FileWriteRefusesMoreThanItsLimit) {
 
 // A received body: readers stay inside data_length.
 kfs_reader reader_over(kfs_message* m, const Bytes& body) {
-  memcpy(m->buffer, body.data(), body.size());
+  std::copy(body.begin(), body.end(), m->buffer);
   m->data_length = static_cast<uint16_t>(body.size());
   kfs_reader r;
   kfs_reader_begin(m, &r);
