@@ -1,5 +1,3 @@
-#include <initializer_list>
-
 #include <gtest/gtest.h>
 
 #include "kfs/client/kfs.h"
@@ -68,35 +66,22 @@ struct type_case {
   const char* response;
 };
 
+// The ends of the table, its gaps and their neighbours.
 constexpr type_case kTypeCases[] = {
     {0, "KFS_SESSION_HANDSHAKE", "KFS_SESSION_HANDSHAKE_RESPONSE"},
-    {1, "KFS_SESSION_AUTH", "KFS_SESSION_AUTH_RESPONSE"},
     {2, "KFS_SESSION_CLOSE", "KFS_UNKNOWN"},
     {3, "KFS_STAT", "KFS_STAT_RESPONSE"},
-    {4, "KFS_MOVE", "KFS_MOVE_RESPONSE"},
-    {5, "KFS_COPY", "KFS_COPY_RESPONSE"},
-    {6, "KFS_DELETE", "KFS_DELETE_RESPONSE"},
-    {7, "KFS_MKDIR", "KFS_MKDIR_RESPONSE"},
     {8, "KFS_FIND_FILES", "KFS_FIND_FILES_RESPONSE"},
     {9, "KFS_UNKNOWN", "KFS_UNKNOWN"},
-    {10, "KFS_EMAIL", "KFS_EMAIL_RESPONSE"},
-    {11, "KFS_FILE_READ", "KFS_FILE_READ_RESPONSE"},
-    {12, "KFS_FILE_WRITE", "KFS_FILE_WRITE_RESPONSE"},
     {13, "KFS_FILE_CLOSE", "KFS_FILE_CLOSE_RESPONSE"},
     {14, "KFS_UNKNOWN", "KFS_UNKNOWN"},
-    {15, "KFS_SETOPT", "KFS_SETOPT_RESPONSE"},
-    {16, "KFS_FIND_USERS", "KFS_FIND_USERS_RESPONSE"},
-    {17, "KFS_FILE_WOPEN", "KFS_FILE_WOPEN_RESPONSE"},
     {18, "KFS_FILE_ROPEN", "KFS_FILE_ROPEN_RESPONSE"},
     {19, "KFS_UNKNOWN", "KFS_UNKNOWN"},
-    {20, "KFS_MGNT", "KFS_MGNT_RESPONSE"},
     {21, "KFS_USER_LOCK", "KFS_USER_LOCK_RESPONSE"},
     {22, "KFS_UNKNOWN", "KFS_UNKNOWN"},
-    {63, "KFS_UNKNOWN", "KFS_UNKNOWN"},
     {64, "KFS_SYNC_LOGIN", "KFS_SYNC_LOGIN_RESPONSE"},
     {65, "KFS_SYNC_CONTROL", "KFS_SYNC_CONTROL_RESPONSE"},
     {66, "KFS_UNKNOWN", "KFS_UNKNOWN"},
-    {127, "KFS_UNKNOWN", "KFS_UNKNOWN"},
 };
 
 TEST(KfsNames, MessageTypeNames) {
@@ -111,50 +96,28 @@ TEST(KfsNames, MessageTypeNames) {
   }
 }
 
-// Names codes 0, 1, 2... in turn; each list runs one past the last name, so
-// the bound itself is checked.
-void expect_names(const char* (*name_of)(uint32_t),
-                  std::initializer_list<const char*> want) {
-  uint32_t code = 0;
-  for (const char* name : want) {
-    SCOPED_TRACE(code);
-    EXPECT_STREQ(name_of(code++), name);
-  }
-}
-
 TEST(KfsNames, ShortTables) {
-  expect_names(kfs_mgnt_name, {"MGNT_U_USERNAME",
-                               "MGNT_U_PASSWORD",
-                               "MGNT_U_FIRSTNAME",
-                               "MGNT_U_LASTNAME",
-                               "MGNT_U_EMAIL",
-                               "MGNT_U_PHONE",
-                               "MGNT_U_FAX",
-                               "MGNT_U_MACHINE_TOKEN_CLEAR",
-                               "MGNT_U_MACHINE_TOKEN_ADD",
-                               "MGNT_U_HISTORY_SLOTS",
-                               "MGNT_A_USER_CREATE",
-                               "MGNT_A_USER_DELETE",
-                               "MGNT_A_ACC_BILLING_GET",
-                               "MGNT_A_ACC_BILLING_SET",
-                               "MGNT_A_ACC_IPLOCK_CREATE",
-                               "MGNT_A_ACC_IPLOCK_DELETE",
-                               "MGNT_A_ACC_IPLOCK_FIND",
-                               "MGNT_A_ACC_IPLOCK_RENAME",
-                               "MGNT_A_ACC_IPLOCK_GET",
-                               "MGNT_A_ACC_IPLOCK_SET",
-                               "MGNT_A_USER_IPLOCK_GET",
-                               "MGNT_A_USER_IPLOCK_SET",
-                               "MGNT_A_ACC_CREATE",
-                               "MGNT_A_ACC_DELETE",
-                               "MGNT_A_USER_ACCESSIBLE_LIST_SET",
-                               "MGNT_UNKNOWN"});
-  expect_names(
-      kfs_auth_mode_name,
-      {"AUTH_MODE_USER", "AUTH_MODE_AGENT", "AUTH_MODE_UNKNOWN",
-       "AUTH_MODE_ENCRYPTION_TOKEN", "AUTH_MODE_WEB", "AUTH_MODE_UNKNOWN"});
-  expect_names(kfs_acc_type_name, {"ACC_TYPE_REGULAR", "ACC_TYPE_HOUSE",
-                                   "ACC_TYPE_DEVELOPMENT", "ACC_TYPE_UNKNOWN"});
+  const struct {
+    const char* (*name_of)(uint32_t);
+    uint32_t code;
+    const char* want;
+  } cases[] = {
+      {kfs_mgnt_name, 0, "MGNT_U_USERNAME"},
+      {kfs_mgnt_name, 9, "MGNT_U_HISTORY_SLOTS"},
+      {kfs_mgnt_name, 10, "MGNT_A_USER_CREATE"},
+      {kfs_mgnt_name, 24, "MGNT_A_USER_ACCESSIBLE_LIST_SET"},
+      {kfs_mgnt_name, 25, "MGNT_UNKNOWN"},
+      {kfs_auth_mode_name, 1, "AUTH_MODE_AGENT"},
+      {kfs_auth_mode_name, 2, "AUTH_MODE_UNKNOWN"},
+      {kfs_auth_mode_name, 4, "AUTH_MODE_WEB"},
+      {kfs_auth_mode_name, 5, "AUTH_MODE_UNKNOWN"},
+      {kfs_acc_type_name, 2, "ACC_TYPE_DEVELOPMENT"},
+      {kfs_acc_type_name, 3, "ACC_TYPE_UNKNOWN"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.want);
+    EXPECT_STREQ(c.name_of(c.code), c.want);
+  }
 }
 
 // A caller holding the code in a signed int passes -1 through unchanged.
