@@ -10,6 +10,8 @@
 
 #include <openssl/evp.h>
 
+#include "lib/str_list.h"
+
 // Result codes, shared by client and service. Gaps (8, 22, 26..234,
 // 236..253) have no name.
 enum : uint32_t {
@@ -315,3 +317,281 @@ int sock_is_idle(int sock);
 // A TCP connection to host (a dotted address or a name) and port: the
 // socket, or -1 (errno EINVAL for a missing or empty host or port 0).
 int sock_connect(const char* host, uint16_t port);
+
+// ---------------------------------------------------------------------------
+// Sessions. One kfs_session is the whole state of one conversation with the
+// service: identity, server lists, socket, packet cipher and the message
+// record. It is opened lazily: the first request finds no socket and
+// kfs_transact opens the session, and re-opens it after a broken link.
+
+constexpr int KFS_MAX_SERVERS = 32;
+constexpr int KFS_MAX_LAST_SERVERS = 2;
+constexpr size_t KFS_HOST_SIZE = 16;  // a dotted quad or a short name
+constexpr size_t KFS_PATH_SIZE = 128;
+constexpr size_t KFS_TEXT_SIZE = 256;  // any str8 with its NUL
+
+struct kfs_server_entry {
+  char host[KFS_HOST_SIZE];
+  uint32_t port;
+};
+
+// Process-wide, unlocked: sessions are opened from one thread at a time.
+struct kfs_server_table {
+  int count;       // configured servers (etc/hosts)
+  int last_count;  // servers the service named last (etc/hosts.agent)
+  kfs_server_entry servers[KFS_MAX_SERVERS];
+  kfs_server_entry last[KFS_MAX_LAST_SERVERS];
+};
+
+// What the login reply says about the account; the agent reads only the
+// canonical user name (kept in user_name), account_flag and agent_time.
+struct kfs_account {
+  uint32_t value1;            // account id
+  char text1[KFS_TEXT_SIZE];  // account name
+  uint8_t byte1;              // account type (ACC_TYPE_*)
+  char text2[KFS_TEXT_SIZE];  // plan name
+  uint32_t value2;
+  char text3[KFS_TEXT_SIZE];  // user's e-mail
+  uint8_t byte2, byte3;
+  char text4[KFS_TEXT_SIZE];
+  char text5[KFS_TEXT_SIZE];
+  uint64_t size1;  // quota in bytes
+  uint64_t size2;  // bytes used
+  uint8_t byte4;
+};
+
+struct kfs_session;
+// Asked whether to authenticate again after a failure; non-zero: retry.
+using kfs_auth_retry_fn = int (*)(kfs_session* session, uint32_t code,
+                                  uint32_t detail);
+using kfs_mode_fn = void (*)(kfs_session* session, int encryption_mode);
+using kfs_connected_fn = void (*)(kfs_session* session);
+
+struct kfs_session {
+  int auth_mode;       // AUTH_MODE_*; the agent uses AUTH_MODE_AGENT
+  char user_name[21];  // modes user and web; then the name the service gives
+  char password[23];
+  uint32_t user_id;  // mode agent
+  uint8_t client_digest[20];
+  uint8_t account_flag;
+  uint8_t token_digest[20];  // SHA-1 of the account key
+  char web_text[KFS_PATH_SIZE];
+  char server_list_path[KFS_PATH_SIZE];   // the agent: "etc/hosts"
+  char last_servers_path[KFS_PATH_SIZE];  // "etc/hosts.agent"; "" disables
+  char pem_path[KFS_PATH_SIZE];           // "temp_pem_file.pem"
+  int socket;                             // -1 when not connected
+  kfs_message message;
+  int encryption_mode;        // 3: AES-256-CBC packets; 1 and 2: in the clear
+  kfs_packet_cipher* cipher;  // owned; null when not connected
+  char host[KFS_HOST_SIZE];
+  uint32_t port;
+  kfs_account account;
+  uint8_t first_connect;  // the first re-connection skips the 30 s wait
+  kfs_auth_retry_fn on_auth_retry;
+  kfs_mode_fn on_mode;
+  kfs_connected_fn on_connected;
+  uint32_t agent_marker_sent;  // non-zero: keep agent_time across logins
+  uint32_t agent_time;         // the stamp exchanged in mode agent
+  char agent_text_1[128];      // the job's name
+  char agent_text_2[128];      // the job file's base name
+};
+
+// Zeroes the session: socket -1, pem_path "temp_pem_file.pem",
+// first_connect 1. Returns 0.
+int kfs_session_init(kfs_session* session);
+// Disconnects, then as kfs_session_init.
+int kfs_session_reset(kfs_session* session);
+// Closes the socket and frees the packet cipher, if any.
+void kfs_session_disconnect(kfs_session* session);
+
+// The process-wide server table.
+kfs_server_table* kfs_servers();
+
+// Authenticates with the session's auth_mode: connects to a server (which
+// also sends the login and reads the reply), records the servers the
+// service names (rewriting last_servers_path) and follows redirects. Returns
+// 0, a client code, or the login's status (ERR_AUTH_FAILURE for a wrong key
+// digest); ERR_INVARG, with nothing sent, for an unknown mode.
+uint32_t kfs_session_open(kfs_session* session);
+// Opens in mode encryption token and copies the text the service answers
+// into out (NUL-terminated, cut to out_size). Returns the status or a code.
+uint32_t kfs_session_open_token(kfs_session* session, char* out,
+                                size_t out_size);
+// Reads the server lists and connects to the first server that answers,
+// last-known servers first: 0, ERR_SEQUENCE (library not initialised),
+// ERR_ACCESS (encryption mode not 1..3), ERR_BADPATH (no server list),
+// ERR_IO (no server answered).
+uint32_t kfs_connect_any(kfs_session* session);
+// One connection and key exchange with host:port, then sends the request
+// staged in the session's record and reads its response. On any failure the
+// staged request is back in the record.
+uint32_t kfs_connect(kfs_session* session, const char* host, uint32_t port);
+
+// Sends the request built in the session's record and, when it expects one,
+// receives the response into the record. Re-opens the session once when the
+// connection is gone (after 30 s, except on the session's first connection).
+// Returns 0 (then the response's own status is in message.status), or a
+// code: ERR_SCKWRITE, ERR_SCKREAD, ERR_SEQUENCE, or the re-open's code.
+uint32_t kfs_transact(kfs_session* session);
+
+// The optional OpenSSL locking set-up; the agent is single-threaded and
+// does not call them. Return 0.
+int kfs_openssl_threads_setup();
+void kfs_openssl_threads_cleanup();
+
+// The 32-byte local key of this box, from "etc/Kovra.ak" (4096 random bytes,
+// made on first use). Prints the file's path on its first call. Returns 0,
+// or -1 when the file cannot be made or read.
+int kfs_local_key(uint8_t out[32]);
+
+// ---------------------------------------------------------------------------
+// Requests. Each builds its body in the session's record, runs kfs_transact
+// and decodes the response. The result is kfs_transact's code when that
+// fails, else the response's status; output fields are filled only when both
+// are 0. A reply too short for its fields gives ERR_SEQUENCE. Refusals made
+// before anything is sent: ERR_INVARG (a field that cannot be encoded) and
+// ERR_DATAMAX (a body larger than one packet).
+
+// KFS_USER_LOCK. flags bit 0 clear: lock the count listed users; bit 0 set
+// with bit 2 in mode agent: release, carrying session->agent_time.
+struct kfs_lock_args {
+  uint8_t flags;
+  uint16_t count;
+  const uint32_t* values;
+};
+uint32_t kfs_user_lock(kfs_session* session, const kfs_lock_args* args);
+
+uint32_t kfs_mkdir(kfs_session* session, uint8_t flags, const char* path);
+
+// One entry of a listing, kept as a record in a str_list; the name comes
+// first so that free_owned_name releases a record.
+struct kfs_find_entry {
+  char* name;     // owned, NUL-terminated
+  uint8_t kind;   // 0 file, 1 directory
+  uint32_t word;  // attribute bits: 0x10 directory, 0x20 needs backup
+  uint64_t mtime;
+  uint64_t size;
+  uint32_t name_len;
+};
+constexpr uint32_t KFS_ATTR_DIRECTORY = 0x10;
+constexpr uint32_t KFS_ATTR_NEEDS_BACKUP = 0x20;
+constexpr uint8_t KFS_FIND_LONG_NAMES = 0x01;  // names as str16, not str8
+
+// KFS_FIND_FILES (and KFS_FIND_USERS). A continuation passes the previous
+// reply's next_handle with an empty directory and pattern.
+struct kfs_find_args {
+  uint8_t handle;
+  uint8_t flags;
+  const char* directory;  // below 256 bytes, else ERR_INVARG
+  const char* pattern;
+  uint16_t count;       // entries in this reply
+  uint32_t remaining;   // entries still to come
+  uint8_t next_handle;  // for the continuation
+  str_list* entries;    // kfs_find_entry records; owned, see below
+};
+uint32_t kfs_find_files(kfs_session* session, kfs_find_args* args);
+uint32_t kfs_find_users(kfs_session* session, kfs_find_args* args);
+// Frees the entries of a find; safe to call twice.
+void kfs_find_release(kfs_find_args* args);
+
+struct kfs_wopen_args {
+  uint8_t flags;
+  uint32_t value_a;  // modification time
+  const char* path;
+  uint32_t value_b;  // size, high 32 bits
+  uint32_t value_c;  // size, low 32 bits
+  uint16_t extra_len;
+  const uint8_t* extra;  // the attribute record, or null
+  uint8_t handle;
+  uint16_t block_count;
+  uint32_t block_size;
+  uint16_t comparable;  // leading blocks the service can compare by digest
+};
+uint32_t kfs_file_wopen(kfs_session* session, kfs_wopen_args* args);
+
+// Sub-operations of KFS_FILE_WRITE.
+constexpr uint8_t KFS_WRITE_BEGIN_BLOCK = 1;
+constexpr uint8_t KFS_WRITE_BLOCK_DATA = 8;
+constexpr uint8_t KFS_WRITE_END_BLOCK = 10;
+
+struct kfs_write_args {
+  uint8_t handle;
+  uint8_t flags;
+  uint32_t n;  // at most KFS_MAX_WRITE_DATA, else ERR_DATAMAX
+  const void* data;
+  uint32_t written;  // bytes accepted (n when no response is awaited)
+};
+// Without KFS_WRITE_NO_ACK in flags the result is the response's status;
+// with it no response is read and the result is the send's.
+uint32_t kfs_file_write(kfs_session* session, kfs_write_args* args);
+
+// Sent without awaiting a response: the result is the send's.
+uint32_t kfs_file_close(kfs_session* session, uint8_t handle);
+
+// KFS_EMAIL. Kind 0: word1, word2, recipients, subject, text. Kind 1:
+// word1, byte1, byte2, text. Kind 2: text. Other kinds: ERR_INVARG.
+struct kfs_email_args {
+  uint8_t kind;
+  uint32_t word1;
+  uint32_t word2;
+  const str_list* recipients;
+  const char* subject;
+  uint8_t byte1;
+  uint8_t byte2;
+  const char* text;
+};
+uint32_t kfs_email(kfs_session* session, const kfs_email_args* args);
+
+struct kfs_stat_args {
+  uint8_t flags;  // bit 0: the long form
+  const char* path;
+  uint8_t kind;
+  uint32_t word;
+  uint64_t values[3];  // short form: three values; long form: the last two
+  char name[KFS_TEXT_SIZE];
+};
+uint32_t kfs_stat(kfs_session* session, kfs_stat_args* args);
+uint32_t kfs_move(kfs_session* session, const char* from, const char* to);
+// Fills values with the three numbers of the reply.
+uint32_t kfs_copy(kfs_session* session, uint8_t flags, const char* from,
+                  const char* to, uint64_t values[3]);
+uint32_t kfs_delete(kfs_session* session, uint8_t flags, const char* path);
+
+struct kfs_ropen_args {
+  const char* path;
+  uint8_t handle;
+  uint32_t mtime;
+  uint16_t block_count;
+  uint64_t size;
+  uint16_t attr_len;
+  uint8_t attr[64];  // the attribute record (cut to 64 bytes)
+};
+uint32_t kfs_file_ropen(kfs_session* session, kfs_ropen_args* args);
+
+struct kfs_read_args {
+  uint8_t handle;
+  uint16_t max_length;
+  const uint8_t* digest;  // optional 16-byte block digest, or null
+  uint8_t flags;          // bit 0: the piece ends a block; bit 1: end of file
+  uint16_t n;
+  uint8_t* data;  // REQUIRES: room for max_length bytes
+};
+constexpr uint8_t KFS_READ_END_BLOCK = 0x01;
+constexpr uint8_t KFS_READ_END_FILE = 0x02;
+uint32_t kfs_file_read(kfs_session* session, kfs_read_args* args);
+
+// KFS_SETOPT: each option at most 4000 bytes, else ERR_INVARG. The reply's
+// bytes are copied to out (at most out_size) and counted in *out_len.
+uint32_t kfs_setopt(kfs_session* session, const str_list* options, uint8_t* out,
+                    size_t out_size, uint32_t* out_len);
+uint32_t kfs_session_close(kfs_session* session);
+
+// KFS_MGNT: items of (MGNT_* code, text value); a code above 24 gives
+// ERR_INVARG. The reply's bytes go to out as with kfs_setopt.
+struct kfs_mgnt_item {
+  uint8_t code;
+  const char* value;
+};
+uint32_t kfs_mgnt(kfs_session* session, const kfs_mgnt_item* items,
+                  uint8_t count, uint8_t* out, size_t out_size,
+                  uint32_t* out_len);
