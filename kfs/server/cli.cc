@@ -1,0 +1,277 @@
+// The command line: kfsd init, kfsd user add, kfsd serve. Bad arguments end
+// with status 2, a missing or damaged data folder (or any other failure)
+// with 1; every error is one line on standard error.
+#include <arpa/inet.h>
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+
+#include <openssl/crypto.h>
+#include <openssl/rand.h>
+
+#include "kfs/server/kfsd.h"
+#include "kfs/server/kfsd_internal.h"
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage: kfsd init DIR\n"
+    "       kfsd user add DIR --id N --name NAME [--account TEXT]"
+    " [--quota BYTES] [--key-file FILE]\n"
+    "       kfsd serve DIR [--listen ADDRESS:PORT] [--block-size BYTES]"
+    " [--port-file FILE]\n"
+    "                      [--announce HOST:PORT]... [--redirect]"
+    " [--verbose]\n";
+
+// The client keeps the user name in 21 bytes and a host in 16, both with
+// a NUL; account texts are kept short for the same reason.
+constexpr size_t kMaxUserName = 20;
+constexpr size_t kMaxAccount = 63;
+constexpr size_t kMaxHost = 15;
+
+struct option_def {
+  const char* name;
+  bool takes_value;
+  bool repeats;
+};
+
+constexpr option_def kUserOptions[] = {{"--id", true, false},
+                                       {"--name", true, false},
+                                       {"--account", true, false},
+                                       {"--quota", true, false},
+                                       {"--key-file", true, false}};
+constexpr option_def kServeOptions[] = {
+    {"--listen", true, false},    {"--block-size", true, false},
+    {"--port-file", true, false}, {"--announce", true, true},
+    {"--redirect", false, false}, {"--verbose", false, false}};
+
+using option_map = std::map<std::string, std::vector<std::string>>;
+
+int usage() {
+  fputs(kUsage, stderr);
+  return 2;
+}
+
+int fail(int status, const std::string& message) {
+  fprintf(stderr, "kfsd: %s\n", message.c_str());
+  return status;
+}
+
+// Collects options from argv[first..argc); false after printing an error.
+template <size_t N>
+bool parse_options(int argc, char** argv, int first,
+                   const option_def (&defs)[N], option_map* out) {
+  for (int i = first; i < argc; ++i) {
+    const option_def* def = nullptr;
+    for (const option_def& s : defs) {
+      if (strcmp(argv[i], s.name) == 0) {
+        def = &s;
+      }
+    }
+    if (def == nullptr) {
+      fail(2, std::string("unknown argument ") + argv[i]);
+      return false;
+    }
+    if (out->count(def->name) != 0 && !def->repeats) {
+      fail(2, std::string(def->name) + " given twice");
+      return false;
+    }
+    std::vector<std::string>& values = (*out)[def->name];
+    if (def->takes_value) {
+      if (i + 1 >= argc) {
+        fail(2, std::string(def->name) + " needs a value");
+        return false;
+      }
+      values.push_back(argv[++i]);
+    }
+  }
+  return true;
+}
+
+// A plain decimal number up to max.
+bool parse_number(const std::string& text, uint64_t max, uint64_t* out) {
+  if (text.empty() || text.size() > 20) {
+    return false;
+  }
+  uint64_t v = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9' || v > (UINT64_MAX - 9) / 10) {
+      return false;
+    }
+    v = v * 10 + static_cast<uint64_t>(c - '0');
+  }
+  *out = v;
+  return v <= max;
+}
+
+bool parse_host_port(const std::string& text, std::string* host,
+                     uint16_t* port) {
+  size_t colon = text.rfind(':');
+  uint64_t p = 0;
+  if (colon == std::string::npos || colon == 0 ||
+      !parse_number(text.substr(colon + 1), 65535, &p)) {
+    return false;
+  }
+  *host = text.substr(0, colon);
+  *port = static_cast<uint16_t>(p);
+  return true;
+}
+
+int run_init(int argc, char** argv) {
+  if (argc != 3) {
+    return usage();
+  }
+  std::string error;
+  if (kfsd_datadir_init(argv[2], &error) != 0) {
+    return fail(1, error);
+  }
+  printf("kfsd: data folder %s created\n", argv[2]);
+  return 0;
+}
+
+int run_user_add(int argc, char** argv) {
+  option_map opt;
+  if (argc < 4 || strcmp(argv[2], "add") != 0 || argv[3][0] == '-') {
+    return usage();
+  }
+  if (!parse_options(argc, argv, 4, kUserOptions, &opt)) {
+    return 2;
+  }
+  kfsd_user user;
+  uint64_t id = 0;
+  if (opt.count("--id") == 0 || opt.count("--name") == 0) {
+    return fail(2, "user add needs --id and --name");
+  }
+  if (!parse_number(opt["--id"][0], UINT32_MAX, &id)) {
+    return fail(2, "--id must be a number from 0 to 4294967295");
+  }
+  user.id = static_cast<uint32_t>(id);
+  user.name = opt["--name"][0];
+  user.account = opt.count("--account") ? opt["--account"][0] : user.name;
+  if (user.name.empty() || user.name.size() > kMaxUserName) {
+    return fail(2, "--name must have 1 to 20 characters");
+  }
+  if (user.account.size() > kMaxAccount) {
+    return fail(2, "--account must have at most 63 characters");
+  }
+  if (opt.count("--quota") &&
+      !parse_number(opt["--quota"][0], UINT64_MAX, &user.quota)) {
+    return fail(2, "--quota must be a number of bytes");
+  }
+
+  std::string dir = argv[3];
+  kfsd_store store;
+  std::string error;
+  if (kfsd_store_open(dir, &store, &error) != 0) {
+    return fail(1, error);
+  }
+  kfsd_user existing;
+  if (kfsd_store_get_user(&store, user.id, &existing) == 0) {
+    kfsd_store_close(&store);
+    return fail(1, "user " + std::to_string(user.id) + " exists already");
+  }
+  uint8_t key[32];
+  std::string key_path;
+  if (opt.count("--key-file")) {
+    if (kfsd_key_file_read(opt["--key-file"][0], key, &error) != 0) {
+      kfsd_store_close(&store);
+      return fail(1, error);
+    }
+  } else {
+    std::string keys = dir + "/" + KFSD_KEYS_DIR;
+    key_path = keys + "/" + std::to_string(user.id) + ".key";
+    if (RAND_bytes(key, sizeof key) != 1 ||
+        (mkdir(keys.c_str(), 0700) != 0 && errno != EEXIST) ||
+        kfsd_key_file_write(key_path, user.id, key) != 0) {
+      kfsd_store_close(&store);
+      return fail(1, key_path + ": " + strerror(errno));
+    }
+  }
+  unsigned int n = 0;
+  EVP_Digest(key, sizeof key, user.key_sha1, &n, EVP_sha1(), nullptr);
+  OPENSSL_cleanse(key, sizeof key);
+  uint32_t r = kfsd_store_add_user(&store, user);
+  kfsd_store_close(&store);
+  if (r != 0) {
+    if (!key_path.empty()) {
+      unlink(key_path.c_str());
+    }
+    return fail(1, "cannot add user " + std::to_string(user.id) + ": " +
+                       kfs_err_message(r));
+  }
+  printf("kfsd: user %u (%s) added\n", user.id, user.name.c_str());
+  if (!key_path.empty()) {
+    printf("kfsd: account key written to %s\n", key_path.c_str());
+  }
+  return 0;
+}
+
+int run_serve(int argc, char** argv) {
+  option_map opt;
+  if (argc < 3 || argv[2][0] == '-') {
+    return usage();
+  }
+  if (!parse_options(argc, argv, 3, kServeOptions, &opt)) {
+    return 2;
+  }
+  kfsd_settings s;
+  s.dir = argv[2];
+  struct in_addr addr;
+  if (opt.count("--listen") &&
+      (!parse_host_port(opt["--listen"][0], &s.listen_host, &s.listen_port) ||
+       inet_pton(AF_INET, s.listen_host.c_str(), &addr) != 1)) {
+    return fail(2,
+                "--listen takes an IPv4 address and a port, as "
+                "127.0.0.1:7001");
+  }
+  uint64_t block_size = 0;
+  if (opt.count("--block-size")) {
+    if (!parse_number(opt["--block-size"][0], 1u << 30, &block_size) ||
+        block_size == 0) {
+      return fail(2, "--block-size must be from 1 to 1073741824 bytes");
+    }
+    s.block_size = static_cast<uint32_t>(block_size);
+  }
+  if (opt.count("--port-file")) {
+    s.port_file = opt["--port-file"][0];
+  }
+  for (const std::string& text : opt["--announce"]) {
+    kfsd_announce a;
+    if (!parse_host_port(text, &a.host, &a.port) || a.port == 0 ||
+        a.host.size() > kMaxHost) {
+      return fail(2,
+                  "--announce takes HOST:PORT, a host of at most 15 "
+                  "characters and a port from 1");
+    }
+    s.announce.push_back(a);
+  }
+  if (s.announce.size() > 2) {
+    return fail(2, "at most two --announce entries");
+  }
+  s.redirect = opt.count("--redirect") != 0;
+  s.verbose = opt.count("--verbose") != 0;
+  return kfsd_serve(s);
+}
+
+}  // namespace
+
+int kfsd_command(int argc, char** argv) {
+  if (argc < 2) {
+    return usage();
+  }
+  std::string command = argv[1];
+  if (command == "init") {
+    return run_init(argc, argv);
+  }
+  if (command == "user") {
+    return run_user_add(argc, argv);
+  }
+  if (command == "serve") {
+    return run_serve(argc, argv);
+  }
+  return usage();
+}

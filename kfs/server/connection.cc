@@ -1,0 +1,215 @@
+// One connection: the key exchange, then requests read, dispatched and
+// answered until the peer leaves or misbehaves. Whatever the connection
+// held (its user's lock, open uploads and reads, listings) is given up
+// when it ends.
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "kfs/client/kfs.h"
+#include "kfs/server/kfsd_internal.h"
+#include "lib/alloc.h"
+
+namespace {
+
+// A peer gets this long for the key exchange; a logged-in agent may pause
+// much longer between requests (it walks and compresses in between).
+constexpr int kHandshakeSeconds = 30;
+constexpr int kIdleSeconds = 3600;
+
+using handler_fn = int (*)(kfsd_request*);
+
+struct route {
+  uint8_t type;
+  handler_fn fn;
+};
+
+constexpr route kRoutes[] = {
+    {KFS_SESSION_AUTH, kfsd_request_auth},
+    {KFS_USER_LOCK, kfsd_request_user_lock},
+    {KFS_EMAIL, kfsd_request_email},
+    {KFS_MKDIR, kfsd_request_mkdir},
+    {KFS_FIND_FILES, kfsd_request_find_files},
+    {KFS_FILE_WOPEN, kfsd_request_wopen},
+    {KFS_FILE_WRITE, kfsd_request_write},
+    {KFS_FILE_CLOSE, kfsd_request_close},
+    {KFS_FILE_ROPEN, kfsd_request_ropen},
+    {KFS_FILE_READ, kfsd_request_read},
+};
+
+void set_receive_timeout(int sock, int seconds) {
+  struct timeval tv = {seconds, 0};
+  // Without it a silent peer only holds its own thread; not fatal.
+  if (setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0) {
+  }
+}
+
+// Close and data-only writes are never answered, whatever happens to them.
+bool is_answered(const kfs_message* in) {
+  if (in->type == KFS_FILE_CLOSE) {
+    return false;
+  }
+  return !(in->type == KFS_FILE_WRITE && in->data_length >= 2 &&
+           (in->buffer[1] & KFS_WRITE_NO_ACK) != 0);
+}
+
+int dispatch(kfsd_request* req, const kfs_message* in) {
+  handler_fn fn = nullptr;
+  for (const route& r : kRoutes) {
+    if (r.type == in->type) {
+      fn = r.fn;
+    }
+  }
+  if (fn == nullptr) {
+    req->status = ERR_INVARG;
+  } else if (in->type != KFS_SESSION_AUTH && !req->conn->authenticated) {
+    // Nothing is held before a login, the lock included.
+    req->status = ERR_ACCESS;
+  } else {
+    return fn(req);
+  }
+  return is_answered(in) ? KFSD_REPLY : KFSD_SILENT;
+}
+
+void log_request(const kfsd_conn* conn, const kfs_message* in,
+                 const kfsd_request* req, int action) {
+  const char* result =
+      action == KFSD_DROP ? "dropped: malformed" : kfs_err_name(req->status);
+  kfsd_log("#%llu %s %s -> %s%s", static_cast<unsigned long long>(conn->id),
+           kfs_type_name(in->type), req->note.c_str(), result,
+           action == KFSD_SILENT ? " (no reply)" : "");
+}
+
+void serve(kfsd_conn* conn, kfs_packet_cipher* cipher) {
+  malloc_ptr<kfs_message> in(
+      static_cast<kfs_message*>(xzalloc(sizeof(kfs_message))));
+  malloc_ptr<kfs_message> out(
+      static_cast<kfs_message*>(xzalloc(sizeof(kfs_message))));
+  bool verbose = conn->server->settings.verbose;
+  for (;;) {
+    if (kfs_packet_recv(conn->sock, cipher, in.get()) != 0) {
+      if (verbose) {
+        kfsd_log("#%llu closed: end of stream or a bad packet",
+                 static_cast<unsigned long long>(conn->id));
+      }
+      return;
+    }
+    if (in->type >= KFS_RESPONSE) {
+      if (verbose) {
+        kfsd_log("#%llu dropped: a response sent as a request",
+                 static_cast<unsigned long long>(conn->id));
+      }
+      return;
+    }
+    kfsd_request req;
+    req.conn = conn;
+    kfs_reader_begin(in.get(), &req.in);
+    kfs_body_begin(out.get(), &req.out);
+    int action = dispatch(&req, in.get());
+    if (verbose) {
+      log_request(conn, in.get(), &req, action);
+    }
+    if (action == KFSD_DROP) {
+      return;
+    }
+    if (action == KFSD_REPLY) {
+      out->sequence = in->sequence;
+      out->status = static_cast<uint8_t>(req.status);
+      kfs_request_finish(out.get(), in->type + KFS_RESPONSE, req.out.length);
+      if (kfs_packet_send(conn->sock, cipher, out.get()) != 0) {
+        return;
+      }
+    }
+  }
+}
+
+}  // namespace
+
+void kfsd_log(const char* format, ...) {
+  // One write per line, so lines of different connections do not mix.
+  char line[1024];
+  int n = snprintf(line, sizeof line, "kfsd: ");
+  va_list args;
+  va_start(args, format);
+  vsnprintf(line + n, sizeof line - static_cast<size_t>(n) - 1, format, args);
+  va_end(args);
+  size_t len = strlen(line);
+  line[len] = '\n';
+  if (fd_write_all(STDERR_FILENO, line, static_cast<int64_t>(len + 1)) < 0) {
+    // Standard error is gone; the log is best effort.
+  }
+}
+
+bool kfsd_get_text(kfs_reader* in, int len_size, std::string* out) {
+  uint32_t n = len_size == 1 ? kfs_get_u8(in) : kfs_get_u16(in);
+  if (!kfs_reader_ok(in) || n > in->length - in->pos) {
+    in->failed = true;
+    return false;
+  }
+  out->assign(reinterpret_cast<const char*>(in->data + in->pos), n);
+  in->pos += n;
+  return true;
+}
+
+bool kfsd_body_done(const kfs_reader* in) {
+  return kfs_reader_ok(in) && in->pos == in->length;
+}
+
+bool kfsd_request_path(kfsd_request* req, const std::string& raw,
+                       kfsd_path* out) {
+  req->note = raw;
+  req->status = kfsd_path_parse(raw, req->conn->uid, out);
+  return req->status == 0;
+}
+
+bool kfsd_holds_lock(kfsd_conn* conn) {
+  std::lock_guard<std::mutex> hold(conn->server->lock_mutex);
+  auto it = conn->server->locks.find(conn->uid);
+  return conn->authenticated && it != conn->server->locks.end() &&
+         it->second == conn->id;
+}
+
+void kfsd_handle_free(kfsd_conn* conn, kfsd_handle* handle) {
+  if (handle->in_block) {
+    handle->temp.reset();
+    unlink(handle->temp_path.c_str());
+    handle->in_block = false;
+  }
+  if (!handle->streams.empty()) {
+    kfsd_store_unpin(&conn->server->store, handle->streams);
+    handle->streams.clear();
+  }
+}
+
+void kfsd_connection_run(kfsd_server* server, uint64_t id, int sock) {
+  kfsd_conn conn;
+  conn.server = server;
+  conn.id = id;
+  conn.sock = sock;
+  set_receive_timeout(sock, kHandshakeSeconds);
+  kfs_packet_cipher* cipher = kfsd_handshake(server, sock);
+  if (cipher == nullptr) {
+    if (server->settings.verbose) {
+      kfsd_log("#%llu dropped: failed key exchange",
+               static_cast<unsigned long long>(id));
+    }
+    return;
+  }
+  set_receive_timeout(sock, kIdleSeconds);
+  serve(&conn, cipher);
+  kfs_cipher_free(cipher);
+
+  // Uploads still open stay as they are: incomplete, listed as such, and
+  // resumable by a later upload of the same file.
+  for (auto& [handle, h] : conn.handles) {
+    kfsd_handle_free(&conn, h.get());
+  }
+  std::lock_guard<std::mutex> hold(server->lock_mutex);
+  auto it = server->locks.find(conn.uid);
+  if (conn.authenticated && it != server->locks.end() && it->second == id) {
+    server->locks.erase(it);
+  }
+}

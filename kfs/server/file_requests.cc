@@ -1,0 +1,298 @@
+// Requests on the user's files: uploads block by block, and reading a
+// complete file back.
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "kfs/server/kfsd_internal.h"
+
+namespace {
+
+// Write sub-operations, without the no-acknowledgement bit.
+constexpr uint8_t kBeginBlock = 1;
+constexpr uint8_t kBlockData = 0;
+constexpr uint8_t kEndBlock = 2;
+constexpr size_t kMaxAttr = 255;  // far above the agent's 13 bytes
+constexpr uint8_t kPieceEndsBlock = 0x01;
+constexpr uint8_t kPieceEndsFile = 0x02;
+
+kfsd_handle* find_handle(kfsd_conn* conn, uint8_t h, bool writing) {
+  auto it = conn->handles.find(h);
+  return it != conn->handles.end() && it->second->writing == writing
+             ? it->second.get()
+             : nullptr;
+}
+
+// Drops the data of a block that was begun but not ended.
+void abandon_block(kfsd_handle* h) {
+  if (h->in_block) {
+    h->temp.reset();
+    unlink(h->temp_path.c_str());
+    h->in_block = false;
+  }
+}
+
+uint32_t begin_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5) {
+  abandon_block(h);
+  if (h->block + 1 >= h->block_count) {
+    return ERR_BADKEY;
+  }
+  ++h->block;
+  if (md5 != nullptr) {
+    uint32_t r = kfsd_store_skip_block(&conn->server->store, h->version,
+                                       static_cast<uint32_t>(h->block), md5);
+    if (r != 0) {
+      return r;  // ERR_UP2DATE: skipped and counted as received
+    }
+  }
+  h->temp_path = kfsd_temp_path(&conn->server->store);
+  h->temp.reset(open(h->temp_path.c_str(),
+                     O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  h->sha256.reset(EVP_MD_CTX_new());
+  if (!h->temp || !h->sha256 ||
+      EVP_DigestInit_ex(h->sha256.get(), EVP_sha256(), nullptr) != 1) {
+    h->temp.reset();
+    unlink(h->temp_path.c_str());
+    return ERR_IO;
+  }
+  h->in_block = true;
+  h->length = 0;
+  return 0;
+}
+
+uint32_t block_data(kfsd_handle* h, const uint8_t* data, uint16_t n) {
+  if (!h->in_block) {
+    return ERR_BADKEY;
+  }
+  if (fd_write_all(h->temp.get(), data, n) != n ||
+      EVP_DigestUpdate(h->sha256.get(), data, n) != 1) {
+    abandon_block(h);  // the block stays missing; the close says so
+    return ERR_IO;
+  }
+  h->length += n;
+  return 0;
+}
+
+uint32_t end_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5) {
+  if (!h->in_block) {
+    return ERR_BADKEY;
+  }
+  uint8_t digest[32];
+  unsigned int digest_length = 0;
+  // On disk before the database names it, so a crash cannot leave a
+  // block that refers to missing bytes.
+  bool ok = fdatasync(h->temp.get()) == 0 &&
+            EVP_DigestFinal_ex(h->sha256.get(), digest, &digest_length) == 1;
+  h->temp.reset();
+  h->in_block = false;
+  if (!ok) {
+    unlink(h->temp_path.c_str());
+    return ERR_IO;
+  }
+  char hex[65];
+  for (unsigned i = 0; i < 32; ++i) {
+    snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+  }
+  return kfsd_store_end_block(&conn->server->store, h->version,
+                              static_cast<uint32_t>(h->block), md5,
+                              h->temp_path, hex, h->length);
+}
+
+}  // namespace
+
+int kfsd_request_wopen(kfsd_request* req) {
+  kfsd_conn* conn = req->conn;
+  kfs_reader* in = &req->in;
+  std::string raw, attr;
+  kfs_get_u8(in);  // open flags: always "for writing"
+  // The agent sends the low 32 bits of its (sign-extended) time.
+  int64_t mtime = static_cast<int32_t>(kfs_get_u32(in));
+  kfsd_get_text(in, 2, &raw);
+  uint64_t size = static_cast<uint64_t>(kfs_get_u32(in)) << 32;
+  size |= kfs_get_u32(in);
+  kfsd_get_text(in, 2, &attr);
+  if (!kfsd_body_done(in)) {
+    return KFSD_DROP;
+  }
+  kfsd_path path;
+  if (!kfsd_request_path(req, raw, &path)) {
+    return KFSD_REPLY;
+  }
+  if (!kfsd_holds_lock(conn)) {
+    req->status = ERR_ACCESS;
+    return KFSD_REPLY;
+  }
+  uint8_t handle = kfsd_free_handle(conn->handles);
+  if (attr.size() > kMaxAttr) {
+    req->status = ERR_INVARG;
+    return KFSD_REPLY;
+  }
+  if (conn->handles.size() >= KFSD_MAX_HANDLES || handle == 0) {
+    req->status = ERR_FDMAX;
+    return KFSD_REPLY;
+  }
+  kfsd_wopen_result r;
+  req->status =
+      kfsd_store_wopen(&conn->server->store, conn->uid, path, mtime, size, attr,
+                       conn->server->settings.block_size, &r);
+  if (req->status != 0) {
+    return KFSD_REPLY;
+  }
+  auto h = std::make_unique<kfsd_handle>();
+  h->writing = true;
+  h->version = r.version;
+  h->block_count = r.block_count;
+  conn->handles[handle] = std::move(h);
+  kfs_put_u8(&req->out, handle);
+  kfs_put_u16(&req->out, static_cast<uint16_t>(r.block_count));
+  kfs_put_u32(&req->out, r.block_size);
+  kfs_put_u16(&req->out, static_cast<uint16_t>(r.comparable));
+  return KFSD_REPLY;
+}
+
+int kfsd_request_write(kfsd_request* req) {
+  kfs_reader* in = &req->in;
+  uint8_t handle = kfs_get_u8(in);
+  uint8_t flags = kfs_get_u8(in);
+  uint16_t n = kfs_get_u16(in);
+  const uint8_t* data = in->data + std::min(in->pos, in->length);
+  if (!kfs_reader_ok(in) || n != in->length - in->pos) {
+    return KFSD_DROP;
+  }
+  uint8_t op = flags & static_cast<uint8_t>(~KFS_WRITE_NO_ACK);
+  req->note = "handle " + std::to_string(handle) + " op " + std::to_string(op) +
+              " " + std::to_string(n) + " bytes";
+  kfsd_handle* h = find_handle(req->conn, handle, true);
+  if (h == nullptr) {
+    req->status = ERR_BADKEY;
+  } else if (op == kBeginBlock && (n == 0 || n == 16)) {
+    req->status = begin_block(req->conn, h, n == 16 ? data : nullptr);
+  } else if (op == kBlockData) {
+    req->status = block_data(h, data, n);
+  } else if (op == kEndBlock && (n == 0 || n == 16)) {
+    req->status = end_block(req->conn, h, n == 16 ? data : nullptr);
+  } else {
+    req->status = ERR_INVARG;
+  }
+  if ((flags & KFS_WRITE_NO_ACK) != 0) {
+    return KFSD_SILENT;
+  }
+  bool taken = req->status == 0 || req->status == ERR_UP2DATE;
+  kfs_put_u16(&req->out, taken ? n : 0);
+  return KFSD_REPLY;
+}
+
+int kfsd_request_close(kfsd_request* req) {
+  kfsd_conn* conn = req->conn;
+  uint8_t handle = kfs_get_u8(&req->in);
+  if (!kfsd_body_done(&req->in)) {
+    return KFSD_DROP;
+  }
+  req->note = "handle " + std::to_string(handle);
+  auto it = conn->handles.find(handle);
+  if (it == conn->handles.end()) {
+    req->status = ERR_BADKEY;
+    return KFSD_SILENT;
+  }
+  kfsd_handle* h = it->second.get();
+  kfsd_handle_free(conn, h);  // a block begun but not ended stays missing
+  if (h->writing) {
+    kfsd_store_close_upload(&conn->server->store, h->version);
+  }
+  conn->handles.erase(it);
+  return KFSD_SILENT;
+}
+
+int kfsd_request_ropen(kfsd_request* req) {
+  kfsd_conn* conn = req->conn;
+  std::string raw;
+  kfsd_get_text(&req->in, 2, &raw);
+  if (!kfsd_body_done(&req->in)) {
+    return KFSD_DROP;
+  }
+  kfsd_path path;
+  if (!kfsd_request_path(req, raw, &path)) {
+    return KFSD_REPLY;
+  }
+  uint8_t handle = kfsd_free_handle(conn->handles);
+  if (conn->handles.size() >= KFSD_MAX_HANDLES || handle == 0) {
+    req->status = ERR_FDMAX;
+    return KFSD_REPLY;
+  }
+  kfsd_ropen_result r;
+  req->status = kfsd_store_ropen(&conn->server->store, path, &r);
+  if (req->status != 0) {
+    return KFSD_REPLY;
+  }
+  auto h = std::make_unique<kfsd_handle>();
+  h->streams = std::move(r.streams);
+  h->lengths = std::move(r.lengths);
+  kfs_put_u8(&req->out, handle);
+  kfs_put_u32(&req->out, static_cast<uint32_t>(r.mtime));
+  kfs_put_u16(&req->out, static_cast<uint16_t>(h->streams.size()));
+  kfs_put_u64(&req->out, r.size);
+  kfs_put_u16(&req->out, static_cast<uint16_t>(r.attr.size()));
+  kfs_put_bytes(&req->out, r.attr.data(), static_cast<uint32_t>(r.attr.size()));
+  conn->handles[handle] = std::move(h);
+  return KFSD_REPLY;
+}
+
+int kfsd_request_read(kfsd_request* req) {
+  kfs_reader* in = &req->in;
+  uint8_t handle = kfs_get_u8(in);
+  uint16_t max = kfs_get_u16(in);
+  if (in->length - std::min(in->pos, in->length) == 17) {
+    uint8_t digest[17];  // a zero byte and a digest: accepted, not used
+    kfs_get_bytes(in, digest, sizeof digest);
+  }
+  if (!kfsd_body_done(in)) {
+    return KFSD_DROP;
+  }
+  req->note = "handle " + std::to_string(handle);
+  kfsd_handle* h = find_handle(req->conn, handle, false);
+  if (h == nullptr) {
+    req->status = ERR_BADKEY;
+    return KFSD_REPLY;
+  }
+  size_t count = h->streams.size();
+  if (h->read_block >= count) {
+    kfs_put_u8(&req->out, kPieceEndsFile);
+    kfs_put_u16(&req->out, 0);
+    return KFSD_REPLY;
+  }
+  if (!h->read_fd) {
+    std::string file =
+        kfsd_stream_path(&req->conn->server->store, h->streams[h->read_block]);
+    h->read_fd.reset(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!h->read_fd) {
+      req->status = ERR_IO;
+      return KFSD_REPLY;
+    }
+  }
+  uint64_t left = h->lengths[h->read_block] - h->read_offset;
+  size_t want =
+      static_cast<size_t>(std::min<uint64_t>({max, left, KFS_MAX_BODY - 3}));
+  uint8_t buffer[KFS_MAX_BODY];
+  ssize_t got =
+      pread(h->read_fd.get(), buffer, want, static_cast<off_t>(h->read_offset));
+  if (got != static_cast<ssize_t>(want)) {
+    req->status = ERR_IO;
+    return KFSD_REPLY;
+  }
+  h->read_offset += want;
+  uint8_t piece = 0;
+  if (h->read_offset == h->lengths[h->read_block]) {
+    piece = kPieceEndsBlock;
+    h->read_fd.reset();
+    h->read_offset = 0;
+    if (++h->read_block == count) {
+      piece |= kPieceEndsFile;
+    }
+  }
+  kfs_put_u8(&req->out, piece);
+  kfs_put_u16(&req->out, static_cast<uint16_t>(want));
+  kfs_put_bytes(&req->out, buffer, static_cast<uint32_t>(want));
+  return KFSD_REPLY;
+}

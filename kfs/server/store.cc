@@ -1,0 +1,334 @@
+// The store's database: statements, schema, users and their stamps, and the
+// namespace of directories (files and their versions are in
+// store_files.cc).
+#include <fnmatch.h>
+#include <sqlite3.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <algorithm>
+
+#include "kfs/server/kfsd_internal.h"
+
+namespace {
+
+// The value of meta.format that this server reads and writes.
+constexpr char kFormat[] = "kfsd-1";
+
+constexpr char kSchema[] =
+    "CREATE TABLE meta(name TEXT PRIMARY KEY, value TEXT NOT NULL);"
+    "CREATE TABLE users(id INTEGER PRIMARY KEY, name TEXT NOT NULL,"
+    " account TEXT NOT NULL, email TEXT NOT NULL, quota INTEGER NOT NULL,"
+    " key_sha1 BLOB NOT NULL, stamp INTEGER NOT NULL);"
+    // A user's root has parent ''.
+    "CREATE TABLE entries(path TEXT PRIMARY KEY, user INTEGER NOT NULL,"
+    " parent TEXT NOT NULL, name TEXT NOT NULL, is_dir INTEGER NOT NULL,"
+    " created INTEGER NOT NULL);"
+    "CREATE INDEX entries_parent ON entries(parent, name);"
+    // A file has at most one complete version and at most one upload
+    // (complete = 0); ids are never reused, so a stale handle cannot reach
+    // a newer upload.
+    "CREATE TABLE versions(id INTEGER PRIMARY KEY AUTOINCREMENT,"
+    " user INTEGER NOT NULL, path TEXT NOT NULL, complete INTEGER NOT NULL,"
+    " mtime INTEGER NOT NULL, size INTEGER NOT NULL,"
+    " block_size INTEGER NOT NULL, block_count INTEGER NOT NULL,"
+    " attr BLOB NOT NULL);"
+    "CREATE INDEX versions_path ON versions(path, complete);"
+    "CREATE INDEX versions_user ON versions(user, complete);"
+    // received: skipped or ended since the upload was last opened.
+    "CREATE TABLE blocks(version INTEGER NOT NULL, idx INTEGER NOT NULL,"
+    " md5 BLOB, stream TEXT NOT NULL, length INTEGER NOT NULL,"
+    " received INTEGER NOT NULL, PRIMARY KEY(version, idx));"
+    "CREATE INDEX blocks_stream ON blocks(stream);";
+
+bool exec(sqlite3* db, const char* sql) {
+  return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+sqlite3* open_db(const std::string& path, int flags, std::string* error) {
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(path.c_str(), &db, flags | SQLITE_OPEN_FULLMUTEX,
+                      nullptr) != SQLITE_OK) {
+    *error = path + ": " + (db ? sqlite3_errmsg(db) : "cannot open");
+    sqlite3_close(db);
+    return nullptr;
+  }
+  // Another process (kfsd user add) may write while the server runs.
+  sqlite3_busy_timeout(db, 5000);
+  // WAL keeps readers and the one writer apart; NORMAL is safe against a
+  // crash of the server, which is what the store promises.
+  if (!exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;")) {
+    *error = path + ": " + sqlite3_errmsg(db);
+    sqlite3_close(db);
+    return nullptr;
+  }
+  return db;
+}
+
+bool entry_kind(sqlite3* db, const std::string& path, bool* exists,
+                bool* is_dir) {
+  kfsd_sql q(db, "SELECT is_dir FROM entries WHERE path = ?");
+  q.bind_text(path);
+  *exists = q.row();
+  *is_dir = *exists && q.i64(0) != 0;
+  return !q.failed();
+}
+
+}  // namespace
+
+uint32_t kfsd_path_parse(std::string_view raw, uint32_t uid, kfsd_path* out) {
+  std::vector<std::string_view> parts;
+  size_t i = 0;
+  while (i < raw.size()) {
+    size_t end = raw.find('/', i);
+    if (end == std::string_view::npos) {
+      end = raw.size();
+    }
+    if (end > i) {
+      parts.push_back(raw.substr(i, end - i));
+    }
+    i = end + 1;
+  }
+  if (raw.empty() || raw[0] != '/' || parts.empty() ||
+      parts[0] != std::to_string(uid)) {
+    return ERR_FSACCESS;
+  }
+  out->full.clear();
+  for (size_t k = 0; k < parts.size(); ++k) {
+    std::string_view p = parts[k];
+    if (p == "." || p == ".." || p.size() > KFSD_MAX_NAME ||
+        p.find('\0') != std::string_view::npos) {
+      return ERR_BADPATH;
+    }
+    if (k + 1 == parts.size()) {
+      out->parent = out->full;
+      out->name = p;
+    }
+    out->full += '/';
+    out->full += p;
+  }
+  out->is_root = parts.size() == 1;
+  return 0;
+}
+
+int kfsd_store_create(const std::string& dir, std::string* error) {
+  std::string path = dir + "/" + KFSD_DB_FILE;
+  sqlite3* db =
+      open_db(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, error);
+  if (db == nullptr) {
+    return -1;
+  }
+  bool ok = exec(db, "BEGIN") && exec(db, kSchema);
+  if (ok) {
+    kfsd_sql q(db, "INSERT INTO meta VALUES('format', ?)");
+    ok = q.bind_text(kFormat).run() && exec(db, "COMMIT");
+  }
+  if (!ok) {
+    *error = path + ": " + sqlite3_errmsg(db);
+  }
+  sqlite3_close(db);
+  return ok ? 0 : -1;
+}
+
+int kfsd_store_open(const std::string& dir, kfsd_store* store,
+                    std::string* error) {
+  struct stat st;
+  if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    *error = dir + ": no data folder (create one with kfsd init)";
+    return -1;
+  }
+  std::string path = dir + "/" + KFSD_DB_FILE;
+  sqlite3* db = open_db(path, SQLITE_OPEN_READWRITE, error);
+  if (db == nullptr) {
+    return -1;
+  }
+  std::string format;
+  {
+    kfsd_sql q(db, "SELECT value FROM meta WHERE name = 'format'");
+    if (q.row()) {
+      format = q.text(0);
+    }
+  }
+  if (format != kFormat) {
+    *error = path + ": not a kfsd database, or damaged";
+    sqlite3_close(db);
+    return -1;
+  }
+  store->dir = dir;
+  store->db = db;
+  return 0;
+}
+
+void kfsd_store_close(kfsd_store* store) {
+  sqlite3_close(store->db);
+  store->db = nullptr;
+}
+
+uint32_t kfsd_store_add_user(kfsd_store* store, const kfsd_user& user) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  kfsd_txn txn(store->db);
+  kfsd_sql find(store->db, "SELECT 1 FROM users WHERE id = ?");
+  if (find.bind(user.id).row()) {
+    return ERR_EXISTS;
+  }
+  kfsd_sql add(store->db, "INSERT INTO users VALUES(?, ?, ?, ?, ?, ?, 0)");
+  add.bind(user.id).bind_text(user.name).bind_text(user.account);
+  add.bind_text(user.email).bind(static_cast<int64_t>(user.quota));
+  add.bind_blob(user.key_sha1, sizeof user.key_sha1);
+  std::string root = "/" + std::to_string(user.id);
+  kfsd_sql mk(store->db,
+              "INSERT OR IGNORE INTO entries VALUES(?, ?, '', ?, 1, ?)");
+  mk.bind_text(root).bind(user.id).bind_text(root.substr(1));
+  mk.bind(time(nullptr));
+  if (find.failed() || !add.run() || !mk.run() || !txn.commit()) {
+    return ERR_IO;
+  }
+  return 0;
+}
+
+namespace {
+
+void read_user(kfsd_sql* q, kfsd_user* out) {
+  out->id = static_cast<uint32_t>(q->i64(0));
+  out->name = q->text(1);
+  out->account = q->text(2);
+  out->email = q->text(3);
+  out->quota = static_cast<uint64_t>(q->i64(4));
+  std::string digest = q->text(5);
+  memset(out->key_sha1, 0, sizeof out->key_sha1);
+  memcpy(out->key_sha1, digest.data(),
+         std::min(digest.size(), sizeof out->key_sha1));
+  out->stamp = static_cast<uint32_t>(q->i64(6));
+}
+
+}  // namespace
+
+uint32_t kfsd_store_get_user(kfsd_store* store, uint32_t id, kfsd_user* out) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  kfsd_sql q(store->db, "SELECT * FROM users WHERE id = ?");
+  if (!q.bind(id).row()) {
+    return q.failed() ? ERR_IO : ERR_AUTH_FAILURE;
+  }
+  read_user(&q, out);
+  return 0;
+}
+
+uint32_t kfsd_store_find_user(kfsd_store* store, const std::string& name,
+                              const uint8_t key_sha1[20], kfsd_user* out) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  kfsd_sql q(store->db, "SELECT * FROM users WHERE name = ? AND key_sha1 = ?");
+  if (!q.bind_text(name).bind_blob(key_sha1, 20).row()) {
+    return q.failed() ? ERR_IO : ERR_AUTH_FAILURE;
+  }
+  read_user(&q, out);
+  return 0;
+}
+
+uint64_t kfsd_store_bytes_used(kfsd_store* store, uint32_t id) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  kfsd_sql q(store->db,
+             "SELECT COALESCE(SUM(size), 0) FROM versions"
+             " WHERE user = ? AND complete = 1");
+  return q.bind(id).row() ? static_cast<uint64_t>(q.i64(0)) : 0;
+}
+
+uint32_t kfsd_store_release_stamp(kfsd_store* store, uint32_t id,
+                                  bool has_stamp, uint32_t stamp) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  kfsd_sql pending(store->db,
+                   "SELECT 1 FROM versions WHERE user = ? AND complete = 0"
+                   " LIMIT 1");
+  bool incomplete = pending.bind(id).row();
+  if (pending.failed()) {
+    return ERR_IO;
+  }
+  if (!has_stamp && !incomplete) {
+    return 0;
+  }
+  kfsd_sql set(store->db, "UPDATE users SET stamp = ? WHERE id = ?");
+  set.bind(incomplete ? 0 : stamp).bind(id);
+  return set.run() ? ERR_NONE : ERR_IO;
+}
+
+uint32_t kfsd_store_mkdir(kfsd_store* store, uint32_t uid,
+                          const kfsd_path& path) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  if (path.is_root) {
+    return ERR_EXISTS;
+  }
+  bool exists = false;
+  bool is_dir = false;
+  if (!entry_kind(store->db, path.full, &exists, &is_dir)) {
+    return ERR_IO;
+  }
+  if (exists) {
+    return is_dir ? ERR_EXISTS : ERR_NOTDIR;
+  }
+  if (!entry_kind(store->db, path.parent, &exists, &is_dir)) {
+    return ERR_IO;
+  }
+  if (!exists) {
+    return ERR_BADPATH;
+  }
+  if (!is_dir) {
+    return ERR_NOTDIR;
+  }
+  kfsd_sql q(store->db, "INSERT INTO entries VALUES(?, ?, ?, ?, 1, ?)");
+  q.bind_text(path.full).bind(uid).bind_text(path.parent).bind_text(path.name);
+  return q.bind(time(nullptr)).run() ? ERR_NONE : ERR_IO;
+}
+
+uint32_t kfsd_store_list(kfsd_store* store, const kfsd_path& dir,
+                         const std::string& pattern,
+                         std::vector<kfsd_entry>* out) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  bool exists = false;
+  bool is_dir = false;
+  if (!entry_kind(store->db, dir.full, &exists, &is_dir)) {
+    return ERR_IO;
+  }
+  if (!exists) {
+    return ERR_BADPATH;
+  }
+  if (!is_dir) {
+    return ERR_NOTDIR;
+  }
+  // An upload that is still open or was cut off is newer than the
+  // complete version (it would have been dropped otherwise), so it is
+  // what the listing shows, marked as needing a backup.
+  kfsd_sql q(store->db,
+             "SELECT e.name, e.is_dir, e.created,"
+             " (SELECT id FROM versions v WHERE v.path = e.path"
+             "  ORDER BY v.complete ASC, v.id DESC LIMIT 1) AS vid"
+             " FROM entries e WHERE e.parent = ? ORDER BY e.name");
+  kfsd_sql version(store->db,
+                   "SELECT complete, mtime, size FROM versions WHERE id = ?");
+  q.bind_text(dir.full);
+  out->clear();
+  while (q.row()) {
+    kfsd_entry e;
+    e.name = q.text(0);
+    if (!pattern.empty() && fnmatch(pattern.c_str(), e.name.c_str(), 0) != 0) {
+      continue;
+    }
+    if (q.i64(1) != 0) {
+      e.kind = 1;
+      e.attr = KFSD_ATTR_DIRECTORY;
+      e.mtime = q.i64(2);
+    } else {
+      if (q.is_null(3)) {
+        continue;  // a file with no version at all: nothing to show
+      }
+      version.reset();
+      if (!version.bind(q.i64(3)).row()) {
+        return ERR_IO;
+      }
+      e.attr = version.i64(0) != 0 ? 0 : KFSD_ATTR_NEEDS_BACKUP;
+      e.mtime = version.i64(1);
+      e.size = static_cast<uint64_t>(version.i64(2));
+    }
+    out->push_back(std::move(e));
+  }
+  return q.failed() ? ERR_IO : ERR_NONE;
+}

@@ -1,0 +1,405 @@
+// Files in the store: versions, uploads and their blocks, and the block
+// stream files, which are named by the SHA-256 of their bytes so that equal
+// streams are kept once. A version's rows change only inside a transaction
+// and a stream file is in place before a row names it, so a crash leaves
+// at worst a stream file nothing names (swept at the next start).
+#include <dirent.h>
+#include <errno.h>
+#include <sqlite3.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
+#include "kfs/server/kfsd_internal.h"
+
+namespace {
+
+struct version_row {
+  int64_t id = 0;
+  int64_t mtime = 0;
+  uint64_t size = 0;
+  uint32_t block_size = 0;
+  uint32_t block_count = 0;
+};
+
+// The path's version with that complete flag (the newest), if any.
+bool find_version(sqlite3* db, const std::string& path, int complete,
+                  version_row* out) {
+  kfsd_sql q(db,
+             "SELECT id, mtime, size, block_size, block_count FROM versions"
+             " WHERE path = ? AND complete = ? ORDER BY id DESC LIMIT 1");
+  if (!q.bind_text(path).bind(complete).row()) {
+    return false;
+  }
+  out->id = q.i64(0);
+  out->mtime = q.i64(1);
+  out->size = static_cast<uint64_t>(q.i64(2));
+  out->block_size = static_cast<uint32_t>(q.i64(3));
+  out->block_count = static_cast<uint32_t>(q.i64(4));
+  return true;
+}
+
+// Deletes a version and its blocks; adds the streams they named to gone.
+bool delete_version(sqlite3* db, int64_t id, std::set<std::string>* gone) {
+  kfsd_sql streams(db, "SELECT stream FROM blocks WHERE version = ?");
+  streams.bind(id);
+  while (streams.row()) {
+    gone->insert(streams.text(0));
+  }
+  kfsd_sql blocks(db, "DELETE FROM blocks WHERE version = ?");
+  kfsd_sql version(db, "DELETE FROM versions WHERE id = ?");
+  return !streams.failed() && blocks.bind(id).run() && version.bind(id).run();
+}
+
+// Removes the stream files of candidates that no block names any more and
+// no reader holds. Runs after the commit: a failure here only leaves a
+// file behind.
+void collect(kfsd_store* store, const std::set<std::string>& candidates) {
+  kfsd_sql q(store->db, "SELECT 1 FROM blocks WHERE stream = ? LIMIT 1");
+  for (const std::string& hex : candidates) {
+    if (hex.empty()) {
+      continue;
+    }
+    q.reset();
+    if (!q.bind_text(hex).row() && !q.failed() &&
+        store->pinned.count(hex) == 0) {
+      unlink(kfsd_stream_path(store, hex).c_str());
+    }
+  }
+}
+
+// An upload (a version not complete) that a handle may still write to.
+bool open_upload(sqlite3* db, int64_t id, std::string* path, version_row* out) {
+  kfsd_sql q(db,
+             "SELECT path, block_size, block_count FROM versions"
+             " WHERE id = ? AND complete = 0");
+  if (!q.bind(id).row()) {
+    return false;
+  }
+  *path = q.text(0);
+  out->id = id;
+  out->block_size = static_cast<uint32_t>(q.i64(1));
+  out->block_count = static_cast<uint32_t>(q.i64(2));
+  return true;
+}
+
+// The stream a block of a version names now, or "".
+std::string block_stream(sqlite3* db, int64_t version, uint32_t index) {
+  kfsd_sql q(db, "SELECT stream FROM blocks WHERE version = ? AND idx = ?");
+  return q.bind(version).bind(index).row() ? q.text(0) : "";
+}
+
+bool put_block(sqlite3* db, int64_t version, uint32_t index, const void* md5,
+               const std::string& stream, uint64_t length) {
+  kfsd_sql q(db, "INSERT OR REPLACE INTO blocks VALUES(?, ?, ?, ?, ?, 1)");
+  q.bind(version).bind(index).bind_blob(md5, 16).bind_text(stream);
+  return q.bind(static_cast<int64_t>(length)).run();
+}
+
+}  // namespace
+
+std::string kfsd_stream_path(const kfsd_store* store, const std::string& hex) {
+  return store->dir + "/" + KFSD_BLOCKS_DIR + "/" + hex.substr(0, 2) + "/" +
+         hex;
+}
+
+std::string kfsd_temp_path(kfsd_store* store) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  return store->dir + "/" + KFSD_TMP_DIR + "/" + std::to_string(getpid()) +
+         "-" + std::to_string(++store->temp_counter) + ".part";
+}
+
+void kfsd_store_sweep(kfsd_store* store) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  std::string tmp = store->dir + "/" + KFSD_TMP_DIR;
+  if (dir_ptr d{opendir(tmp.c_str())}) {
+    while (struct dirent* e = readdir(d.get())) {
+      if (e->d_name[0] != '.') {
+        unlink((tmp + "/" + e->d_name).c_str());
+      }
+    }
+  }
+  std::string blocks = store->dir + "/" + KFSD_BLOCKS_DIR;
+  dir_ptr top(opendir(blocks.c_str()));
+  if (!top) {
+    return;
+  }
+  std::set<std::string> found;
+  while (struct dirent* sub = readdir(top.get())) {
+    if (sub->d_name[0] == '.') {
+      continue;
+    }
+    if (dir_ptr d{opendir((blocks + "/" + sub->d_name).c_str())}) {
+      while (struct dirent* e = readdir(d.get())) {
+        if (e->d_name[0] != '.') {
+          found.insert(e->d_name);
+        }
+      }
+    }
+  }
+  collect(store, found);
+}
+
+uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
+                          const kfsd_path& path, int64_t mtime, uint64_t size,
+                          const std::string& attr, uint32_t base_block_size,
+                          kfsd_wopen_result* out) {
+  uint64_t block_size = base_block_size;
+  uint64_t count = (size + block_size - 1) / block_size;
+  while (count > KFSD_MAX_BLOCKS) {
+    block_size *= 2;
+    count = size / block_size + (size % block_size != 0);
+  }
+  if (block_size > UINT32_MAX) {
+    return ERR_INVARG;  // over 280 TB: no block size fits a u32
+  }
+
+  std::lock_guard<std::mutex> hold(store->mutex);
+  sqlite3* db = store->db;
+  kfsd_sql entry(db, "SELECT is_dir FROM entries WHERE path = ?");
+  bool exists = entry.bind_text(path.full).row();
+  if (exists && entry.i64(0) != 0) {
+    return ERR_NOTFILE;
+  }
+  if (!exists) {
+    kfsd_sql parent(db, "SELECT is_dir FROM entries WHERE path = ?");
+    if (!parent.bind_text(path.parent).row()) {
+      return parent.failed() ? ERR_IO : ERR_BADPATH;
+    }
+    if (parent.i64(0) == 0) {
+      return ERR_NOTDIR;
+    }
+  }
+
+  kfsd_txn txn(db);
+  version_row current;
+  version_row upload;
+  bool has_current = find_version(db, path.full, 1, &current);
+  std::set<std::string> gone;
+  bool ok = txn.ok();
+  if (has_current && current.mtime == mtime && current.size == size) {
+    // The file is here already; an upload left from another attempt is
+    // stale now and would only mark the entry as needing a backup.
+    while (ok && find_version(db, path.full, 0, &upload)) {
+      ok = delete_version(db, upload.id, &gone);
+    }
+    if (!ok || !txn.commit()) {
+      return ERR_IO;
+    }
+    collect(store, gone);
+    return ERR_UP2DATE;
+  }
+  if (!exists) {
+    kfsd_sql add(db, "INSERT INTO entries VALUES(?, ?, ?, ?, 0, ?)");
+    add.bind_text(path.full).bind(uid).bind_text(path.parent);
+    ok = ok && add.bind_text(path.name).bind(time(nullptr)).run();
+  }
+  // An upload of the same size and block size is resumed: its blocks
+  // stay comparable; any other is replaced.
+  bool resume = ok && find_version(db, path.full, 0, &upload) &&
+                upload.size == size && upload.block_size == block_size;
+  if (ok && !resume && upload.id != 0) {
+    ok = delete_version(db, upload.id, &gone);
+  }
+  if (ok && resume) {
+    kfsd_sql update(db, "UPDATE versions SET mtime = ?, attr = ? WHERE id = ?");
+    kfsd_sql unmark(db, "UPDATE blocks SET received = 0 WHERE version = ?");
+    update.bind(mtime).bind_blob(attr.data(), attr.size()).bind(upload.id);
+    ok = update.run() && unmark.bind(upload.id).run();
+  } else if (ok) {
+    kfsd_sql add(db,
+                 "INSERT INTO versions(user, path, complete, mtime, size,"
+                 " block_size, block_count, attr) VALUES(?, ?, 0, ?, ?, ?, ?,"
+                 " ?)");
+    add.bind(uid).bind_text(path.full).bind(mtime);
+    add.bind(static_cast<int64_t>(size)).bind(static_cast<int64_t>(block_size));
+    add.bind(static_cast<int64_t>(count)).bind_blob(attr.data(), attr.size());
+    ok = add.run();
+    upload.id = sqlite3_last_insert_rowid(db);
+  }
+  // Comparable: the leading blocks with a digest in this upload or in the
+  // complete version, when that has the same block size.
+  kfsd_sql digests(db,
+                   "SELECT DISTINCT idx FROM blocks WHERE version IN (?, ?)"
+                   " AND md5 IS NOT NULL ORDER BY idx");
+  int64_t same_size =
+      has_current && current.block_size == block_size ? current.id : -1;
+  digests.bind(upload.id).bind(same_size);
+  uint32_t comparable = 0;
+  while (ok && comparable < count && digests.row() &&
+         digests.i64(0) == comparable) {
+    ++comparable;
+  }
+  if (!ok || digests.failed() || !txn.commit()) {
+    return ERR_IO;
+  }
+  collect(store, gone);
+  out->version = upload.id;
+  out->block_size = static_cast<uint32_t>(block_size);
+  out->block_count = static_cast<uint32_t>(count);
+  out->comparable = comparable;
+  return 0;
+}
+
+uint32_t kfsd_store_skip_block(kfsd_store* store, int64_t version,
+                               uint32_t index, const uint8_t md5[16]) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  sqlite3* db = store->db;
+  kfsd_txn txn(db);
+  std::string path;
+  version_row upload;
+  if (!txn.ok() || !open_upload(db, version, &path, &upload)) {
+    return ERR_BADKEY;
+  }
+  kfsd_sql own(db,
+               "UPDATE blocks SET received = 1"
+               " WHERE version = ? AND idx = ? AND md5 = ?");
+  if (!own.bind(version).bind(index).bind_blob(md5, 16).run()) {
+    return ERR_IO;
+  }
+  if (sqlite3_changes(db) > 0) {
+    return txn.commit() ? ERR_UP2DATE : ERR_IO;
+  }
+  version_row current;
+  if (!find_version(db, path, 1, &current) ||
+      current.block_size != upload.block_size) {
+    return 0;
+  }
+  kfsd_sql theirs(db,
+                  "SELECT stream, length FROM blocks"
+                  " WHERE version = ? AND idx = ? AND md5 = ?");
+  if (!theirs.bind(current.id).bind(index).bind_blob(md5, 16).row()) {
+    return theirs.failed() ? ERR_IO : ERR_NONE;
+  }
+  std::set<std::string> gone = {block_stream(db, version, index)};
+  if (!put_block(db, version, index, md5, theirs.text(0),
+                 static_cast<uint64_t>(theirs.i64(1))) ||
+      !txn.commit()) {
+    return ERR_IO;
+  }
+  collect(store, gone);
+  return ERR_UP2DATE;
+}
+
+uint32_t kfsd_store_end_block(kfsd_store* store, int64_t version,
+                              uint32_t index, const uint8_t* md5,
+                              const std::string& temp_path,
+                              const std::string& sha256_hex, uint64_t length) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  sqlite3* db = store->db;
+  std::string path;
+  version_row upload;
+  if (!open_upload(db, version, &path, &upload)) {
+    unlink(temp_path.c_str());
+    return ERR_BADKEY;
+  }
+  std::string dest = kfsd_stream_path(store, sha256_hex);
+  struct stat st;
+  if (stat(dest.c_str(), &st) == 0) {
+    unlink(temp_path.c_str());  // the same bytes are stored already
+  } else {
+    std::string sub = dest.substr(0, dest.rfind('/'));
+    if ((mkdir(sub.c_str(), 0700) != 0 && errno != EEXIST) ||
+        rename(temp_path.c_str(), dest.c_str()) != 0) {
+      unlink(temp_path.c_str());
+      return ERR_IO;
+    }
+  }
+  kfsd_txn txn(db);
+  std::set<std::string> gone = {block_stream(db, version, index)};
+  if (!txn.ok() || !put_block(db, version, index, md5, sha256_hex, length) ||
+      !txn.commit()) {
+    collect(store, {sha256_hex});  // unless another block names it
+    return ERR_IO;
+  }
+  gone.erase(sha256_hex);
+  collect(store, gone);
+  return 0;
+}
+
+void kfsd_store_close_upload(kfsd_store* store, int64_t version) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  sqlite3* db = store->db;
+  kfsd_txn txn(db);
+  std::string path;
+  version_row upload;
+  if (!txn.ok() || !open_upload(db, version, &path, &upload)) {
+    return;
+  }
+  kfsd_sql received(db,
+                    "SELECT COUNT(*) FROM blocks WHERE version = ?"
+                    " AND received = 1 AND idx < ?");
+  if (!received.bind(version).bind(upload.block_count).row() ||
+      received.i64(0) != upload.block_count) {
+    return;  // stays an incomplete upload; the listing marks it
+  }
+  std::set<std::string> gone;
+  version_row current;
+  bool ok = true;
+  while (ok && find_version(db, path, 1, &current)) {
+    ok = delete_version(db, current.id, &gone);
+  }
+  kfsd_sql done(db, "UPDATE versions SET complete = 1 WHERE id = ?");
+  if (ok && done.bind(version).run() && txn.commit()) {
+    collect(store, gone);
+  }
+}
+
+uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
+                          kfsd_ropen_result* out) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  sqlite3* db = store->db;
+  kfsd_sql entry(db, "SELECT is_dir FROM entries WHERE path = ?");
+  if (!entry.bind_text(path.full).row()) {
+    return entry.failed() ? ERR_IO : ERR_BADPATH;
+  }
+  if (entry.i64(0) != 0) {
+    return ERR_NOTFILE;
+  }
+  version_row current;
+  if (!find_version(db, path.full, 1, &current)) {
+    return ERR_BADPATH;  // only an incomplete upload: nothing to read
+  }
+  kfsd_sql attr(db, "SELECT attr FROM versions WHERE id = ?");
+  kfsd_sql blocks(db,
+                  "SELECT idx, stream, length FROM blocks WHERE version = ?"
+                  " ORDER BY idx");
+  out->attr = attr.bind(current.id).row() ? attr.text(0) : "";
+  out->streams.clear();
+  out->lengths.clear();
+  blocks.bind(current.id);
+  while (blocks.row() &&
+         blocks.i64(0) == static_cast<int64_t>(out->streams.size())) {
+    out->streams.push_back(blocks.text(1));
+    out->lengths.push_back(static_cast<uint64_t>(blocks.i64(2)));
+  }
+  if (attr.failed() || blocks.failed() ||
+      out->streams.size() != current.block_count) {
+    return ERR_IO;
+  }
+  for (const std::string& s : out->streams) {
+    ++store->pinned[s];
+  }
+  out->mtime = current.mtime;
+  out->size = current.size;
+  return 0;
+}
+
+void kfsd_store_unpin(kfsd_store* store,
+                      const std::vector<std::string>& streams) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  std::set<std::string> released;
+  for (const std::string& s : streams) {
+    auto it = store->pinned.find(s);
+    if (it != store->pinned.end() && --it->second == 0) {
+      store->pinned.erase(it);
+      released.insert(s);
+    }
+  }
+  collect(store, released);
+}

@@ -1,0 +1,136 @@
+// kfsd's command line: its errors and exit statuses, account key files in
+// the agent's format, and a clean stop.
+#include <sys/stat.h>
+#include <time.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/kfs/server/test_client.h"
+
+namespace {
+
+class Cli : public KfsdFixture {
+ protected:
+  run_result kfsd(std::vector<std::string> args) {
+    args.insert(args.begin(), "kfsd");
+    return run_program(KFSD_PATH, args);
+  }
+};
+
+TEST_F(Cli, ErrorsAndExitStatuses) {
+  make_dirs("full/sub");
+  make_dirs("damaged");
+  write_file("damaged/kfsd.db", "not a database, just text");
+  write_file("short.key", "| short\n" + std::string(62, 'a') + "\n");
+  const std::string data = data_dir();
+  const struct {
+    const char* name;
+    std::vector<std::string> args;
+    int status;
+    const char* says;
+  } cases[] = {
+      {"no command", {}, 2, "usage: kfsd init DIR"},
+      {"unknown command", {"start", data}, 2, "usage:"},
+      {"init into a folder in use", {"init", "full"}, 1, "not empty"},
+      {"serve a missing folder", {"serve", "missing"}, 1, "no data folder"},
+      {"serve a damaged folder", {"serve", "damaged"}, 1, "damaged/kfsd.db"},
+      {"unknown option", {"serve", data, "--fast"}, 2, "unknown argument"},
+      {"listen on a name",
+       {"serve", data, "--listen", "localhost:1"},
+       2,
+       "--listen"},
+      {"block size 0", {"serve", data, "--block-size", "0"}, 2, "--block-size"},
+      {"three announced servers",
+       {"serve", data, "--announce", "a:1", "--announce", "b:2", "--announce",
+        "c:3"},
+       2,
+       "at most two"},
+      {"announced host too long",
+       {"serve", data, "--announce", "a-very-long-hostname:1"},
+       2,
+       "--announce"},
+      {"user without id",
+       {"user", "add", data, "--name", "x"},
+       2,
+       "--id and --name"},
+      {"negative id",
+       {"user", "add", data, "--id", "-1", "--name", "x"},
+       2,
+       "--id"},
+      {"name too long",
+       {"user", "add", data, "--id", "9", "--name", std::string(21, 'n')},
+       2,
+       "--name"},
+      {"id taken",
+       {"user", "add", data, "--id", "7", "--name", "x", "--key-file", "7.key"},
+       1,
+       "user 7 exists"},
+      {"short key",
+       {"user", "add", data, "--id", "9", "--name", "x", "--key-file",
+        "short.key"},
+       1,
+       "64 hex digits"},
+      {"user in a missing folder",
+       {"user", "add", "missing", "--id", "9", "--name", "x"},
+       1,
+       "no data folder"},
+  };
+  for (const auto& t : cases) {
+    SCOPED_TRACE(t.name);
+    run_result r = kfsd(t.args);
+    EXPECT_EQ(r.exit_code, t.status);
+    EXPECT_NE(r.err.find(t.says), std::string::npos) << r.err;
+  }
+}
+
+TEST_F(Cli, KeyFilesInTheAgentFormat) {
+  // Written by the server: read back here as the agent would.
+  run_result r = kfsd({"user", "add", data_dir(), "--id", "9", "--name",
+                       "carol", "--quota", "1000000"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  std::string path = data_dir() + "/keys/9.key";
+  EXPECT_NE(r.out.find(path), std::string::npos);
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  std::string file = read_file(path);
+  ASSERT_EQ(file.size(), 24u + 33u + 33u) << file;
+  EXPECT_EQ(file.substr(0, 24), "| account key of user 9\n");
+  uint8_t key9[32];
+  for (int i = 0; i < 32; ++i) {
+    std::string digits = file.substr(24 + (i / 16) * 33 + (i % 16) * 2, 2);
+    key9[i] = static_cast<uint8_t>(std::stoi(digits, nullptr, 16));
+  }
+
+  // Written by hand: hex digits in a comment, blanks, an end marker with
+  // more digits behind it; the key is kKey7.
+  write_file("hand.key",
+             "| comment 0123\n07070707 07070707 07070707 07070707\n"
+             "07070707070707070707070707070707\n-- end\nffff\n");
+  ASSERT_EQ(kfsd({"user", "add", data_dir(), "--id", "10", "--name", "dave",
+                  "--key-file", "hand.key"})
+                .exit_code,
+            0);
+
+  test_client c;
+  ASSERT_TRUE(c.connect(port()));
+  EXPECT_EQ(c.login(9, key9), 0);
+  EXPECT_EQ(c.login(10, kKey7), 0);
+  EXPECT_EQ(c.login(10, kKey8), ERR_AUTH_FAILURE);
+}
+
+TEST_F(Cli, StopsPromptlyOnSigterm) {
+  test_client c;
+  ASSERT_TRUE(c.connect(port()));  // an idle connection does not hold it up
+  struct timespec before, after;
+  clock_gettime(CLOCK_MONOTONIC, &before);
+  server_.stop();
+  clock_gettime(CLOCK_MONOTONIC, &after);
+  EXPECT_LT(after.tv_sec - before.tv_sec, 3);
+  EXPECT_TRUE(c.closed_by_server());
+}
+
+}  // namespace

@@ -1,0 +1,52 @@
+// tests/support/kfsd_process.h: the reference server for tests: setting up
+// a data folder with users, and running `kfsd serve` on 127.0.0.1 with a
+// port chosen by the system. The server process is tied to the test
+// process: it gets SIGKILL when the test process ends, however it ends.
+#pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+// Runs `kfsd init dir` and fails the test on error.
+void kfsd_init(const std::string& dir);
+
+// Runs `kfsd user add dir --id id --name name --key-file key_file`;
+// key_file must hold a valid key. Fails the test on error.
+void kfsd_add_user(const std::string& dir, uint32_t id, const std::string& name,
+                   const std::string& key_file);
+
+// Writes a key file in the agent's format for the 32-byte key: a comment
+// line, then two lines of 32 lower-case hex digits. Fails the test on error.
+void write_key_file(const std::string& path, const uint8_t key[32]);
+
+// One running `kfsd serve` on 127.0.0.1, port 0.
+class kfsd_process {
+ public:
+  kfsd_process() = default;
+  kfsd_process(const kfsd_process&) = delete;
+  kfsd_process& operator=(const kfsd_process&) = delete;
+  ~kfsd_process() { stop(); }
+
+  // Starts `kfsd serve dir --port-file FILE --listen 127.0.0.1:0` plus the
+  // extra arguments (which may bring their own --listen, to reuse a port)
+  // and waits (at most about 10 s) until the server has written its port.
+  // False when it could not be started, ended first, or did not report a
+  // port in time (it is then stopped).
+  bool start(const std::string& dir,
+             const std::vector<std::string>& extra = {});
+
+  // SIGTERM, then SIGKILL when it has not ended after about 5 s; reaps it.
+  // Does nothing when no server runs.
+  void stop();
+
+  int port() const { return port_; }
+  pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_ = -1;
+  int port_ = 0;
+  std::string port_file_;
+};
