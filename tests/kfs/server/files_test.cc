@@ -302,65 +302,6 @@ TEST_F(Files, UploadSkipsKnownBlocksAndReadsBack) {
   EXPECT_EQ(blocks[2], text("C2"));
 }
 
-TEST_F(Files, CutOffUploadIsListedAndResumed) {
-  const Bytes stream = text("old");
-  opened r = wopen("/7/g", 1000, 10);
-  ASSERT_EQ(r.status, 0);
-  send_block(r.handle, stream, {});
-  close(r.handle);
-
-  // A bigger version: block 0 arrives, then the connection dies.
-  r = wopen("/7/g", 3000, 2000);
-  ASSERT_EQ(r.status, 0);
-  send_block(r.handle, text("new0"), md5_of(Bytes(1024, 'n')));
-  c_.disconnect();
-  ASSERT_TRUE(c_.connect(port()));
-  ASSERT_EQ(c_.login(7, kKey7), 0);
-  std::vector<entry> entries;
-  ASSERT_EQ(list("/7", &entries), 0);
-  ASSERT_EQ(entries.size(), 1u);
-  EXPECT_EQ(entries[0].attr, 0x20u);
-  EXPECT_EQ(entries[0].mtime, 3000u);
-  EXPECT_EQ(entries[0].size, 2000u);
-  uint32_t mtime = 0;
-  std::string flags;
-  EXPECT_EQ(read_back("/7/g", 100, &mtime, &flags), std::vector<Bytes>{stream});
-  EXPECT_EQ(mtime, 1000u) << "the complete version stays readable";
-
-  ASSERT_EQ(c_.lock(7), 0);
-  r = wopen("/7/g", 3000, 2000);
-  ASSERT_EQ(r.status, 0);
-  EXPECT_EQ(r.comparable, 1);
-  EXPECT_EQ(begin(r.handle, md5_of(Bytes(1024, 'n'))), ERR_UP2DATE);
-  send_block(r.handle, text("new1"), md5_of(Bytes(976, 'n')));
-  close(r.handle);
-  ASSERT_EQ(list("/7", &entries), 0);
-  EXPECT_EQ(entries[0].attr, 0u);
-  EXPECT_EQ(read_back("/7/g", 100, &mtime, &flags),
-            (std::vector<Bytes>{text("new0"), text("new1")}));
-}
-
-TEST_F(Files, ListingContinuesAcrossReplies) {
-  std::vector<std::string> names;
-  for (int i = 0; i < 400; ++i) {
-    names.push_back(std::string(196, 'd') + std::to_string(1000 + i));
-    ASSERT_EQ(c_.call(KFS_MKDIR, wire().u8(0).str16("/7/" + names.back()).b),
-              0);
-  }
-  std::vector<entry> entries;
-  int replies = 0;
-  ASSERT_EQ(list("/7", &entries, &replies), 0);
-  EXPECT_EQ(replies, 2);
-  ASSERT_EQ(entries.size(), names.size());
-  for (size_t i = 0; i < names.size(); ++i) {
-    EXPECT_EQ(entries[i].name, names[i]);
-    EXPECT_EQ(entries[i].attr, 0x10u);
-    EXPECT_EQ(entries[i].kind, 1);
-  }
-  EXPECT_EQ(c_.call(KFS_FIND_FILES, wire().u8(9).u8(0x20).str8("").str16("").b),
-            ERR_BADKEY);
-}
-
 uint32_t crc_of(const Bytes& plain) {
   return static_cast<uint32_t>(crc32(crc32(0L, Z_NULL, 0), plain.data(),
                                      static_cast<uInt>(plain.size())));

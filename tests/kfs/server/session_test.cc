@@ -74,36 +74,6 @@ TEST_F(Session, LoginChecksUserAndKey) {
   EXPECT_EQ(c.call(KFS_STAT, wire().u8(0).str16("/7").b), ERR_INVARG);
 }
 
-TEST_F(Session, LockIsExclusiveAndFreedOnDisconnect) {
-  test_client a, b;
-  ASSERT_TRUE(a.connect(port()));
-  ASSERT_TRUE(b.connect(port()));
-  ASSERT_EQ(a.login(7, kKey7), 0);
-  ASSERT_EQ(b.login(7, kKey7), 0);
-  EXPECT_EQ(a.lock(7), 0);
-  EXPECT_EQ(a.lock(7), 0) << "the holder may lock again";
-  EXPECT_EQ(b.lock(7), ERR_ACCESS);
-  EXPECT_EQ(b.lock(8), ERR_ACCESS) << "only one's own user";
-  EXPECT_EQ(b.call(KFS_MKDIR, wire().u8(0).str16("/7/d").b), ERR_ACCESS);
-  EXPECT_EQ(a.call(KFS_MKDIR, wire().u8(0).str16("/7/d").b), 0);
-
-  a.disconnect();
-  int status = -1;
-  for (int i = 0; i < 200 && status != 0; ++i) {
-    status = b.lock(7);
-    if (status != 0) {
-      struct timespec ts = {0, 10000000};
-      nanosleep(&ts, nullptr);
-    }
-  }
-  EXPECT_EQ(status, 0) << "the lock went with the connection";
-  // An explicit release frees it at once.
-  EXPECT_EQ(b.call(KFS_USER_LOCK, wire().u8(1).b), 0);
-  ASSERT_TRUE(a.connect(port()));
-  ASSERT_EQ(a.login(7, kKey7), 0);
-  EXPECT_EQ(a.lock(7), 0);
-}
-
 TEST_F(Session, ReleaseStoresStampUnlessAnUploadIsIncomplete) {
   test_client c;
   ASSERT_TRUE(c.connect(port()));
@@ -123,27 +93,6 @@ TEST_F(Session, ReleaseStoresStampUnlessAnUploadIsIncomplete) {
   EXPECT_EQ(c.call(KFS_USER_LOCK, wire().u8(5).u32(1700000100).b), 0);
   ASSERT_EQ(c.login(7, kKey7, &reply), 0);
   EXPECT_EQ(parse_login(reply).agent_time, 0u);
-}
-
-TEST_F(Session, RedirectAnnouncesTheOtherServer) {
-  // A server of its own, with no users: it checks nobody.
-  ASSERT_NO_FATAL_FAILURE(kfsd_init(dir() + "/old"));
-  kfsd_process redirector;
-  ASSERT_TRUE(redirector.start(
-      dir() + "/old",
-      {"--announce", "127.0.0.1:" + std::to_string(port()), "--redirect"}));
-  test_client c;
-  ASSERT_TRUE(c.connect(redirector.port()));
-  Bytes reply;
-  EXPECT_EQ(c.login(7, kKey8, &reply), 0);
-  login_reply r = parse_login(reply);
-  EXPECT_FALSE(r.bad);
-  EXPECT_EQ(r.redirect, 1);
-  EXPECT_EQ(r.host_1, "127.0.0.1");
-  EXPECT_EQ(r.port_1, port());
-  EXPECT_EQ(r.host_2, "");
-  EXPECT_EQ(r.port_2, 0);
-  EXPECT_EQ(c.lock(7), ERR_ACCESS) << "a redirected login is no login";
 }
 
 TEST_F(Session, EmailGoesToTheOutboxOncePerRecipient) {
