@@ -7,6 +7,8 @@
 
 #include <openssl/evp.h>
 
+#include "agent/job.h"
+#include "agent/report.h"
 #include "agent/root.h"
 #include "lib/alloc.h"
 #include "lib/hex.h"
@@ -239,7 +241,11 @@ int read_job_configuration(const char* config_path) {
     memset(s->key_digest, 0, sizeof s->key_digest);
   }
   run_active = true;
-  // The report set-up and the job driver run here, with these settings.
+  report_configure(
+      s->report_path, s->values[CONFIG_NAME], s->email, 0, 0, 0,
+      static_cast<int64_t>(strtoul(s->values[CONFIG_USER_ID], nullptr, 10)),
+      s->key_digest, s->html);
+  run_job(config_path);  // the outcome is told by the report
   run_active = false;
   job_config_release(s);
   return 0;

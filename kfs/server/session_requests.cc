@@ -4,6 +4,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include <openssl/crypto.h>
 
 #include "kfs/server/kfsd_internal.h"
@@ -60,9 +62,12 @@ uint32_t post(kfsd_request* req, uint8_t kind, const std::string& recipient,
               const std::string& subject, const std::string& text) {
   kfsd_store* store = &req->conn->server->store;
   std::string temp = kfsd_temp_path(store);
-  std::string name = temp.substr(temp.rfind('/') + 1);
-  name = std::to_string(time(nullptr)) + "-" + name.substr(0, name.size() - 5) +
-         ".msg";  // drop ".part"
+  // Names sort in arrival order (time, then a zero-padded sequence), so
+  // "the newest message" is simply the last name.
+  static std::atomic<uint32_t> sequence{0};
+  char name[64];
+  snprintf(name, sizeof name, "%lld-%08u.msg",
+           static_cast<long long>(time(nullptr)), ++sequence);
   file_ptr f(fopen(temp.c_str(), "w"));
   bool ok = f && fprintf(f.get(),
                          "kfsd-user: %u\nkfsd-kind: %u\nkfsd-recipient: %s\n"
