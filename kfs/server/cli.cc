@@ -25,7 +25,7 @@ constexpr char kUsage[] =
     "       kfsd serve DIR [--listen ADDRESS:PORT] [--block-size BYTES]"
     " [--port-file FILE]\n"
     "                      [--announce HOST:PORT]... [--redirect]"
-    " [--verbose]\n";
+    " [--no-sync] [--verbose]\n";
 
 // The client keeps the user name in 21 bytes and a host in 16, both with
 // a NUL; account texts are kept short for the same reason.
@@ -47,7 +47,8 @@ constexpr option_def kUserOptions[] = {{"--id", true, false},
 constexpr option_def kServeOptions[] = {
     {"--listen", true, false},    {"--block-size", true, false},
     {"--port-file", true, false}, {"--announce", true, true},
-    {"--redirect", false, false}, {"--verbose", false, false}};
+    {"--redirect", false, false}, {"--no-sync", false, false},
+    {"--verbose", false, false}};
 
 using option_map = std::map<std::string, std::vector<std::string>>;
 
@@ -254,6 +255,7 @@ int run_serve(int argc, char** argv) {
   }
   s.redirect = opt.count("--redirect") != 0;
   s.verbose = opt.count("--verbose") != 0;
+  s.sync = opt.count("--no-sync") == 0;
   return kfsd_serve(s);
 }
 

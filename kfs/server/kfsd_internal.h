@@ -245,6 +245,10 @@ struct kfsd_settings {
   uint32_t block_size = KFSD_DEFAULT_BLOCK_SIZE;
   std::vector<kfsd_announce> announce;  // at most 2
   bool redirect = false;
+  // Each block is on disk before the database names it; --no-sync trades
+  // that for speed on slow disks (a process crash is still safe: the rename
+  // is atomic, only a power loss could then lose acknowledged blocks).
+  bool sync = true;
   bool verbose = false;
 };
 

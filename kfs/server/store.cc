@@ -176,7 +176,9 @@ uint32_t kfsd_store_add_user(kfsd_store* store, const kfsd_user& user) {
   add.bind(user.id).bind_text(user.name).bind_text(user.account);
   add.bind_text(user.email).bind(static_cast<int64_t>(user.quota));
   add.bind_blob(user.key_sha1, sizeof user.key_sha1);
-  std::string root = "/" + std::to_string(user.id);
+  // Appended rather than "/" + ...: g++ 12 warns wrongly about the latter.
+  std::string root = "/";
+  root += std::to_string(user.id);
   kfsd_sql mk(store->db,
               "INSERT OR IGNORE INTO entries VALUES(?, ?, '', ?, 1, ?)");
   mk.bind_text(root).bind(user.id).bind_text(root.substr(1));
