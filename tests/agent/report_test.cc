@@ -1,6 +1,5 @@
 #include "agent/report.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,13 +14,10 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include "agent/job.h"
 #include "agent/report_internal.h"
-#include "lib/scoped.h"
 #include "lib/sleep.h"
-#include "tests/support/kfsd_process.h"
 #include "tests/support/test_support.h"
 
 namespace {
@@ -306,75 +302,6 @@ TEST_F(Report, ShippedTemplates) {
     }
   }
   EXPECT_EQ(used, all);
-}
-
-class ReportDelivery : public Report {
- protected:
-  void SetUp() override {
-    Report::SetUp();
-    uint8_t key[32] = {1, 2, 3, 4, 5, 6, 7, 8};
-    write_key_file("user.key", key);
-    kfsd_init(dir() + "/data");
-    kfsd_add_user(dir() + "/data", 7, "alice", "user.key");
-    ASSERT_TRUE(server_.start(dir() + "/data"));
-    write_file("etc/hosts", "127.0.0.1:" + std::to_string(server_.port()));
-    kfs_library_init();
-    kfs_session* s = session_.get();
-    s->auth_mode = AUTH_MODE_AGENT;
-    s->user_id = 7;
-    s->encryption_mode = KFS_MODE_AES;
-    unsigned int n = 0;
-    EVP_Digest(key, 32, s->token_digest, &n, EVP_sha1(), nullptr);
-    strcpy(s->server_list_path, "etc/hosts");
-    const uint32_t ids[] = {7};
-    kfs_lock_args lock = {0, 1, ids};
-    ASSERT_EQ(kfs_user_lock(s, &lock), 0u);  // logs in
-  }
-  void TearDown() override {
-    kfs_session_disconnect(session_.get());
-    kfs_library_cleanup();
-    Report::TearDown();
-  }
-  std::vector<std::string> outbox() {
-    std::vector<std::string> texts;
-    std::string box = dir() + "/data/outbox/";
-    dir_ptr d(opendir(box.c_str()));
-    for (dirent* e; d && (e = readdir(d.get())) != nullptr;) {
-      if (e->d_name[0] != '.') {
-        texts.push_back(read_file(box + e->d_name));
-      }
-    }
-    return texts;
-  }
-  kfsd_process server_;
-};
-
-TEST_F(ReportDelivery, OnlyTheSuccessReportIsSent) {
-  write_file("etc/failinfo_txt.emt", "failed: #ERROR_MESSAGE#\n");
-  to_ = make_list({"ops@example.org", "2,boss@example.org"});
-  start(true);
-  report_error_code("/f", ERR_IO);
-  report_failure_code(ERR_SCKREAD);
-  EXPECT_EQ(report_state_now(), REPORT_IDLE);
-  EXPECT_EQ(read_file("report.eml"),
-            "To: ops@example.org\n\nfailed: Error during socket read\n"
-            "To: boss@example.org\n\nfailed: Error during socket read\n");
-  EXPECT_TRUE(outbox().empty());
-
-  write_file("etc/success_txt.emt",
-             "#USERNAME# sent #NUM_TRANSFERED# by "
-             "#STOP_TIME#\n");
-  start(true);
-  report_file_sent("/g");
-  report_success(0, 0);
-  const report_state* r = report_state_record();
-  EXPECT_GE(r->stop_time, r->start_time);
-  EXPECT_EQ(report_state_now(), REPORT_IDLE);
-  EXPECT_EQ(outbox(),
-            std::vector<std::string>{"kfsd-user: 7\nkfsd-kind: 0\n"
-                                     "kfsd-recipient: ops@example.org\n"
-                                     "kfsd-subject: \n\nalice sent 1 by " +
-                                     utc_text(r->stop_time) + "\n"});
 }
 
 }  // namespace

@@ -44,14 +44,7 @@ std::string replaced(const char* text, size_t room, const char* from,
   return buffer;
 }
 
-std::string dumped(const void* bytes, int32_t start, int32_t n) {
-  testing::internal::CaptureStdout();
-  dump_bytes(bytes, start, n);
-  return testing::internal::GetCapturedStdout();
-}
-
 TEST(Format, Texts) {
-  const uint8_t bytes[] = {0x01, 0xFF, 0x80};
   const struct {
     const char* name;
     std::string got;
@@ -81,9 +74,6 @@ TEST(Format, Texts) {
       {"replace exact fit", replaced("aXbXc", 8, "X", "YY"), "aYYbYYc"},
       {"replace stops when full", replaced("aXbXc", 7, "X", "YY"), "aYYbXc"},
       {"replace empty search", replaced("abc", 64, "", "x"), "abc"},
-      {"dump unsigned", dumped(bytes, 1, 2), "255 128 \n"},
-      {"dump null", dumped(nullptr, 0, 3), "b is null\n"},
-      {"dump negative count", dumped(bytes, 0, -1), "\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

@@ -170,19 +170,6 @@ TEST_P(Packets, ClosedPeerIsAnErrorNotASignal) {
 
 INSTANTIATE_TEST_SUITE_P(Modes, Packets, testing::Values(0, KFS_MODE_AES));
 
-TEST(KfsCipher, KeyAndIvLengthsFollowTheMode) {
-  uint8_t key[32], iv[16];
-  kfs_packet_cipher* aes = kfs_cipher_new(KFS_MODE_AES, kKey, 0);
-  kfs_packet_cipher* plain = kfs_cipher_new(1, kKey, 0);
-  EXPECT_EQ(kfs_cipher_get_key(aes, key), 32);
-  EXPECT_EQ(memcmp(key, kKey, 32), 0);
-  EXPECT_EQ(kfs_cipher_get_iv(aes, iv), 16);
-  EXPECT_EQ(kfs_cipher_get_key(plain, key), 0);
-  kfs_cipher_free(aes);
-  kfs_cipher_free(plain);
-  kfs_cipher_free(nullptr);
-}
-
 TEST(KfsSocket, HelpersAtTheirEdges) {
   uint8_t b[4] = {};
   EXPECT_EQ(sock_read_all(-1, b, 0), 0);

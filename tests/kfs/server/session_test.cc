@@ -1,8 +1,6 @@
 // The server's session side over loopback: key exchange in both cipher
 // modes, login, the user lock across connections with its stamp, login
 // redirection, and e-mail to the outbox.
-#include <dirent.h>
-#include <time.h>
 
 #include <string>
 #include <vector>
@@ -93,44 +91,6 @@ TEST_F(Session, ReleaseStoresStampUnlessAnUploadIsIncomplete) {
   EXPECT_EQ(c.call(KFS_USER_LOCK, wire().u8(5).u32(1700000100).b), 0);
   ASSERT_EQ(c.login(7, kKey7, &reply), 0);
   EXPECT_EQ(parse_login(reply).agent_time, 0u);
-}
-
-TEST_F(Session, EmailGoesToTheOutboxOncePerRecipient) {
-  const std::string kText = "Subject: done\r\n\r\nall good";
-  test_client c;
-  ASSERT_TRUE(c.connect(port()));
-  ASSERT_EQ(c.login(7, kKey7), 0);
-  Bytes mail = wire()
-                   .u8(0)
-                   .u32(0)
-                   .u32(0)
-                   .u16(2)
-                   .str8("a@example.org")
-                   .str8("b@example.org")
-                   .str8("")
-                   .str16(kText)
-                   .b;
-  EXPECT_EQ(c.call(KFS_EMAIL, mail), 0);
-  EXPECT_EQ(c.call(KFS_EMAIL, wire().u8(3).b), ERR_INVARG);
-
-  std::vector<std::string> texts;
-  std::string outbox = data_dir() + "/outbox";
-  DIR* d = opendir(outbox.c_str());
-  ASSERT_NE(d, nullptr);
-  while (struct dirent* e = readdir(d)) {
-    if (e->d_name[0] != '.') {
-      texts.push_back(read_file(outbox + "/" + e->d_name));
-    }
-  }
-  closedir(d);
-  ASSERT_EQ(texts.size(), 2u);
-  std::string both = texts[0] + texts[1];
-  EXPECT_NE(both.find("kfsd-recipient: a@example.org\n"), std::string::npos);
-  EXPECT_NE(both.find("kfsd-recipient: b@example.org\n"), std::string::npos);
-  for (const std::string& t : texts) {
-    ASSERT_GT(t.size(), kText.size());
-    EXPECT_EQ(t.substr(t.size() - kText.size() - 2), "\n\n" + kText);
-  }
 }
 
 }  // namespace
