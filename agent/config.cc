@@ -11,14 +11,12 @@
 #include "agent/report.h"
 #include "agent/root.h"
 #include "lib/alloc.h"
-#include "lib/hex.h"
 #include "lib/scoped.h"
 
 namespace {
 
 constexpr const char* kKeyPath = "etc/account.key";
 constexpr const char* kSupportAddress = "support@kovra.example";
-constexpr size_t kKeyDigits = 2 * ACCOUNT_KEY_SIZE;
 
 // The single-valued keys, in the order of the CONFIG_* rows.
 constexpr const char* kTableKeys[CONFIG_KEY_COUNT] = {
@@ -30,11 +28,6 @@ bool run_active = false;
 
 bool starts_with_key(const char* line, const char* key) {
   return strncasecmp(line, key, strlen(key)) == 0;
-}
-
-bool is_hex_digit(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') ||
-         (c >= 'A' && c <= 'F');
 }
 
 char* copy_text(const char* text) {
@@ -106,39 +99,6 @@ bool sha1(const uint8_t* data, size_t len, uint8_t out[KEY_DIGEST_SIZE]) {
 }
 
 }  // namespace
-
-int account_key_read(const char* path, uint8_t key[ACCOUNT_KEY_SIZE]) {
-  file_ptr f(fopen(path, "r"));
-  if (!f) {
-    return -1;
-  }
-  char digits[kKeyDigits];
-  size_t count = 0;
-  char line[CONFIG_LINE_SIZE];
-  while (fgets(line, sizeof line, f.get()) != nullptr) {
-    if (line[0] == '|' || line[0] == '\0') {
-      continue;
-    }
-    if (line[0] == '-') {
-      break;
-    }
-    for (const char* p = line; *p != '\0'; ++p) {
-      if (!is_hex_digit(*p)) {
-        continue;
-      }
-      if (count == kKeyDigits) {
-        return -2;
-      }
-      digits[count++] = *p;
-    }
-  }
-  f.reset();
-  if (count < kKeyDigits) {
-    return -2;
-  }
-  hex_decode(digits, ACCOUNT_KEY_SIZE, key);
-  return 0;
-}
 
 int job_config_parse(const char* config_path, job_settings* s) {
   memset(s, 0, sizeof *s);

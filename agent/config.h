@@ -12,9 +12,9 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "agent/account_key.h"
 #include "lib/str_list.h"
 
-constexpr size_t ACCOUNT_KEY_SIZE = 32;
 constexpr size_t KEY_DIGEST_SIZE = 20;
 // Lines, paths and the report file name live in buffers of this size.
 constexpr size_t CONFIG_LINE_SIZE = 1024;
@@ -62,12 +62,6 @@ int read_job_configuration(const char* config_path);
 
 // The settings of the running job; null outside read_job_configuration.
 const job_settings* job_config();
-
-// Reads a key file: lines starting with '|' are skipped, a line starting
-// with '-' ends the reading, and every hex digit elsewhere is collected.
-// Exactly 64 digits give the key. Returns 0, -1 when the file cannot be
-// opened, -2 when it does not hold exactly 64 digits. Prints nothing.
-int account_key_read(const char* path, uint8_t key[ACCOUNT_KEY_SIZE]);
 
 // Parses one job file into *settings (which it zeroes first). Returns 0 or
 // an error number; prints "Missing: %s\n" for a missing required key. On

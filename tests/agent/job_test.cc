@@ -1,12 +1,10 @@
 // The built agent against a real kfsd, run after run, as a scheduler would
 // start it: what the service holds, the report it received, and the index
 // and time-stamp files left in the root.
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
 
-#include <algorithm>
 #include <map>
 #include <memory>
 #include <string>
@@ -67,36 +65,8 @@ class Job : public TempDirTest {
                          {"KOVRA_TEST_SLEEP_LOG", dir() + "/sleeps"}}});
   }
 
-  // The text of the newest report in the server's outbox, "" when none.
-  std::string last_report() {
-    std::vector<std::string> names;
-    if (DIR* d = opendir((dir() + "/data/outbox").c_str())) {
-      while (dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') {
-          names.push_back(e->d_name);
-        }
-      }
-      closedir(d);
-    }
-    if (names.empty()) {
-      return "";
-    }
-    std::sort(names.begin(), names.end());
-    std::string text = read_file(dir() + "/data/outbox/" + names.back());
-    size_t body = text.find("\n\n");
-    return body == std::string::npos ? text : text.substr(body + 2);
-  }
-
-  size_t report_count() {
-    size_t n = 0;
-    if (DIR* d = opendir((dir() + "/data/outbox").c_str())) {
-      while (dirent* e = readdir(d)) {
-        n += e->d_name[0] != '.';
-      }
-      closedir(d);
-    }
-    return n;
-  }
+  std::string last_report() { return kfsd_last_message(dir() + "/data"); }
+  size_t report_count() { return kfsd_message_count(dir() + "/data"); }
 
   std::string root_, src_;
   kfsd_process server_;

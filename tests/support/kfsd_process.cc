@@ -1,5 +1,6 @@
 #include "tests/support/kfsd_process.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -39,6 +40,38 @@ int read_port(const std::string& path) {
 }
 
 }  // namespace
+
+namespace {
+
+std::vector<std::string> outbox_names(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir((dir + "/outbox").c_str())) {
+    while (dirent* e = readdir(d)) {
+      if (e->d_name[0] != '.') {
+        names.push_back(e->d_name);
+      }
+    }
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+}  // namespace
+
+std::string kfsd_last_message(const std::string& dir) {
+  std::vector<std::string> names = outbox_names(dir);
+  if (names.empty()) {
+    return "";
+  }
+  std::string text = read_file(dir + "/outbox/" + names.back());
+  size_t body = text.find("\n\n");
+  return body == std::string::npos ? text : text.substr(body + 2);
+}
+
+size_t kfsd_message_count(const std::string& dir) {
+  return outbox_names(dir).size();
+}
 
 void kfsd_init(const std::string& dir) {
   run_result r = run_program(KFSD_PATH, {"kfsd", "init", dir});

@@ -22,6 +22,11 @@ void kfsd_add_user(const std::string& dir, uint32_t id, const std::string& name,
 // line, then two lines of 32 lower-case hex digits. Fails the test on error.
 void write_key_file(const std::string& path, const uint8_t key[32]);
 
+// The text (below the header lines) of the newest message in the server's
+// outbox, "" when there is none; and how many messages the outbox holds.
+std::string kfsd_last_message(const std::string& dir);
+size_t kfsd_message_count(const std::string& dir);
+
 // One running `kfsd serve` on 127.0.0.1, port 0.
 class kfsd_process {
  public:
