@@ -25,6 +25,7 @@
 #include "lib/format.h"
 #include "lib/scoped.h"
 #include "tools/restore/block_decoder.h"
+#include "tools/restore/local_files.h"
 
 namespace {
 
@@ -33,8 +34,6 @@ constexpr uint16_t kReadPiece = 65496;
 // A file whose transfer broke (a dropped connection loses the read handle)
 // is fetched again from its start, this many times in all.
 constexpr int kFileAttempts = 3;
-// Zero runs of at least this size, aligned in the file, become holes.
-constexpr size_t kSparseUnit = 4096;
 constexpr uint8_t kFindFlags = 0x20;
 constexpr uint64_t kProgressEveryMs = 250;
 
@@ -116,6 +115,11 @@ std::string time_text(int64_t t) {
   return out;
 }
 
+// "1 file", "2 files".
+std::string count_of(uint64_t n, const char* noun) {
+  return std::to_string(n) + " " + noun + (n == 1 ? "" : "s");
+}
+
 std::string code_text(uint32_t code) {
   return std::string(kfs_err_message(code)) + " (" + kfs_err_name(code) + ")";
 }
@@ -125,124 +129,6 @@ bool transient(uint32_t code) {
   return code == ERR_SCKREAD || code == ERR_SCKWRITE || code == ERR_IO ||
          code == ERR_SEQUENCE || code == ERR_BADKEY;
 }
-
-bool all_zero(const uint8_t* p, size_t n) {
-  return n == 0 || (p[0] == 0 && memcmp(p, p + 1, n - 1) == 0);
-}
-
-bool write_all(int fd, const uint8_t* p, size_t n, uint64_t offset) {
-  while (n > 0) {
-    ssize_t put = pwrite(fd, p, n, static_cast<off_t>(offset));
-    if (put < 0 && errno == EINTR) {
-      continue;
-    }
-    if (put <= 0) {
-      return false;
-    }
-    p += put;
-    n -= static_cast<size_t>(put);
-    offset += static_cast<uint64_t>(put);
-  }
-  return true;
-}
-
-// Writes a restored file's data, leaving aligned zero runs as holes, so a
-// sparse file comes back sparse.
-class local_writer {
- public:
-  local_writer(int fd, uint64_t size) : fd_(fd), size_(size) {}
-
-  bool write(std::span<const uint8_t> data, std::string* error) {
-    if (data.size() > size_ - offset_) {
-      *error = "the service sent more data than the file's size";
-      return false;
-    }
-    const uint8_t* run = nullptr;  // start of the data run not yet written
-    uint64_t run_offset = 0;
-    while (!data.empty()) {
-      size_t n =
-          std::min<size_t>(kSparseUnit - offset_ % kSparseUnit, data.size());
-      bool zero = all_zero(data.data(), n);
-      if (!zero && run == nullptr) {
-        run = data.data();
-        run_offset = offset_;
-      }
-      if (zero && run != nullptr) {
-        if (!flush(run, data.data(), run_offset, error)) {
-          return false;
-        }
-        run = nullptr;
-      }
-      offset_ += n;
-      data = data.subspan(n);
-    }
-    return run == nullptr || flush(run, data.data(), run_offset, error);
-  }
-
-  // The length is set last: holes at the end are not written at all.
-  bool finish(std::string* error) {
-    if (ftruncate(fd_, static_cast<off_t>(size_)) != 0) {
-      *error = std::string("cannot set its length: ") + strerror(errno);
-      return false;
-    }
-    return true;
-  }
-
-  uint64_t offset() const { return offset_; }
-
- private:
-  bool flush(const uint8_t* from, const uint8_t* to, uint64_t offset,
-             std::string* error) {
-    if (!write_all(fd_, from, static_cast<size_t>(to - from), offset)) {
-      *error = std::string("cannot write: ") + strerror(errno);
-      return false;
-    }
-    return true;
-  }
-
-  int fd_;
-  uint64_t size_;
-  uint64_t offset_ = 0;
-};
-
-// Compares the restored data with a local file; stops at the first
-// difference.
-class local_comparer {
- public:
-  explicit local_comparer(int fd) : fd_(fd), buffer_(new uint8_t[kBuffer]) {}
-
-  bool compare(std::span<const uint8_t> data) {
-    while (!data.empty()) {
-      size_t n = std::min(data.size(), kBuffer);
-      ssize_t got = pread(fd_, buffer_.get(), n, static_cast<off_t>(offset_));
-      if (got < 0 && errno == EINTR) {
-        continue;
-      }
-      size_t same = 0;
-      size_t have = got > 0 ? static_cast<size_t>(got) : 0;
-      while (same < have && buffer_[same] == data[same]) {
-        ++same;
-      }
-      if (same < n) {
-        differs_at_ = offset_ + same;
-        return false;
-      }
-      offset_ += n;
-      data = data.subspan(n);
-    }
-    return true;
-  }
-
-  // The offset of the first difference, or -1.
-  int64_t differs_at() const { return differs_at_; }
-
- private:
-  static constexpr size_t kBuffer = 65536;
-  int fd_;
-  std::unique_ptr<uint8_t[]> buffer_;
-  uint64_t offset_ = 0;
-  int64_t differs_at_ = -1;
-};
 
 // The progress line on a terminal: files and bytes done of the total.
 class progress_line {
@@ -751,32 +637,6 @@ class restore_job {
     return static_cast<mode_t>(mode & 07777);
   }
 
-  static int mkdir_p(const std::string& path) {
-    std::string partial;
-    size_t from = 0;
-    while (from <= path.size()) {
-      size_t slash = path.find('/', from);
-      if (slash == std::string::npos) {
-        slash = path.size();
-      }
-      partial = path.substr(0, slash);
-      from = slash + 1;
-      if (!partial.empty() && mkdir(partial.c_str(), 0777) != 0 &&
-          errno != EEXIST) {
-        return -1;
-      }
-    }
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0) {
-      return -1;
-    }
-    if (!S_ISDIR(st.st_mode)) {
-      errno = ENOTDIR;
-      return -1;
-    }
-    return 0;
-  }
-
   // --- verify --------------------------------------------------------------
 
   void verify() {
@@ -957,31 +817,29 @@ class restore_job {
   }
 
   void summary(double seconds) {
+    std::string files =
+        count_of(files_, "file") + " (" + count_of(bytes_, "byte") + ")";
+    std::string text;
     if (o_.list) {
-      printf("%d files (%llu bytes), %d folders\n", files_,
-             static_cast<unsigned long long>(bytes_), folders_);
+      printf("%s, %s\n", files.c_str(), count_of(folders_, "folder").c_str());
       return;
     }
     if (!o_.verify_tree.empty()) {
-      printf("Compared %d files (%llu bytes) with %s: ", files_,
-             static_cast<unsigned long long>(bytes_), o_.verify_tree.c_str());
-      if (differences_ == 0) {
-        printf("no differences");
-      } else {
-        printf("%d difference%s", differences_, differences_ == 1 ? "" : "s");
-      }
+      text = "Compared " + files + " with " + o_.verify_tree + ": " +
+             (differences_ == 0 ? "no differences"
+                                : count_of(differences_, "difference"));
     } else {
-      printf("Restored %d files (%llu bytes) and %d folders into %s", files_,
-             static_cast<unsigned long long>(bytes_), folders_,
-             o_.local.c_str());
+      text = "Restored " + files + " and " + count_of(folders_, "folder") +
+             " into " + o_.local;
       if (kept_ > 0) {
-        printf("; kept %d existing files (--overwrite replaces them)", kept_);
+        text += "; kept " + count_of(kept_, "existing file") +
+                " (--overwrite replaces them)";
       }
     }
     if (failed_ > 0) {
-      printf("; %d failed", failed_);
+      text += "; " + std::to_string(failed_) + " failed";
     }
-    printf(" in %.1f s\n", seconds);
+    printf("%s in %.1f s\n", text.c_str(), seconds);
   }
 
   void report_failure(const std::string& path, const std::string& why) {

@@ -299,7 +299,7 @@ TEST_F(RoundTrip, KeepsExistingFilesUnlessToldToReplaceThem) {
   run_result r = restore({remote_of(src), dir() + "/out"});
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(read_file(dir() + "/out/src/a"), "local edit");
-  EXPECT_NE(r.out.find("kept 1 existing files"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("kept 1 existing file "), std::string::npos) << r.out;
 
   r = restore({"--overwrite", remote_of(src), dir() + "/out"});
   EXPECT_EQ(r.exit_code, 0) << r.err;
@@ -324,7 +324,7 @@ TEST_F(RoundTrip, ListsTheRemoteTree) {
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_NE(r.out.find("  sub/\n"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find(" 5000  sub/f\n"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("1 files (5000 bytes), 1 folders"), std::string::npos);
+  EXPECT_NE(r.out.find("1 file (5000 bytes), 1 folder\n"), std::string::npos);
 }
 
 // The service's digest of the key is changed behind its back: the login
