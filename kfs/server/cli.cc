@@ -1,6 +1,6 @@
-// The command line: kfsd init, kfsd user add, kfsd serve. Bad arguments end
-// with status 2, a missing or damaged data folder (or any other failure)
-// with 1; every error is one line on standard error.
+// The command line: kfsd init, kfsd user add, kfsd serve, kfsd check. Bad
+// arguments end with status 2, a missing or damaged data folder (or any other
+// failure) with 1; every error is one line on standard error.
 #include <arpa/inet.h>
 #include <errno.h>
 #include <stdio.h>
@@ -25,7 +25,8 @@ constexpr char kUsage[] =
     "       kfsd serve DIR [--listen ADDRESS:PORT] [--block-size BYTES]"
     " [--port-file FILE]\n"
     "                      [--announce HOST:PORT]... [--redirect]"
-    " [--no-sync] [--verbose]\n";
+    " [--no-sync] [--verbose]\n"
+    "       kfsd check DIR\n";
 
 // The client keeps the user name in 21 bytes and a host in 16, both with
 // a NUL; account texts are kept short for the same reason.
@@ -259,6 +260,30 @@ int run_serve(int argc, char** argv) {
   return kfsd_serve(s);
 }
 
+// Status 0 when the store is consistent, 1 with one line per problem.
+int run_check(int argc, char** argv) {
+  if (argc != 3 || argv[2][0] == '-') {
+    return usage();
+  }
+  std::string dir = argv[2];
+  kfsd_store store;
+  std::string error;
+  if (kfsd_store_open(dir, &store, &error) != 0) {
+    return fail(1, error);
+  }
+  std::vector<std::string> problems;
+  int rc = kfsd_store_check(&store, &problems);
+  kfsd_store_close(&store);
+  for (const std::string& p : problems) {
+    fprintf(stderr, "kfsd: %s: %s\n", dir.c_str(), p.c_str());
+  }
+  if (rc != 0) {
+    return 1;
+  }
+  printf("kfsd: %s: ok\n", dir.c_str());
+  return 0;
+}
+
 }  // namespace
 
 int kfsd_command(int argc, char** argv) {
@@ -274,6 +299,9 @@ int kfsd_command(int argc, char** argv) {
   }
   if (command == "serve") {
     return run_serve(argc, argv);
+  }
+  if (command == "check") {
+    return run_check(argc, argv);
   }
   return usage();
 }

@@ -179,6 +179,9 @@ void kfsd_store_close(kfsd_store* store);
 // Drops what a stopped server may have left: partial streams in tmp/ and
 // stream files that no version refers to. Call before serving.
 void kfsd_store_sweep(kfsd_store* store);
+// Checks the database and every stream it names (check.cc); 0 when
+// consistent, else -1 with one line per problem in *problems.
+int kfsd_store_check(kfsd_store* store, std::vector<std::string>* problems);
 
 // 0; ERR_EXISTS for a taken id; ERR_IO. Creates the user's root too.
 uint32_t kfsd_store_add_user(kfsd_store* store, const kfsd_user& user);

@@ -9,12 +9,30 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <string>
 #include <utility>
 
 namespace {
 
 constexpr size_t kChunk = 64 * 1024;  // the most one read takes from a side
+// The client's unframed opening: a 4-byte greeting and the 256-byte
+// RSA-2048 block of the key exchange. Packets follow.
+constexpr uint32_t kOpeningBytes = 4 + 256;
+constexpr uint32_t kPacketHeader = 6;  // u16 cipher length, u32 CRC-32
+
+using steady = std::chrono::steady_clock;
+
+// Finds packet boundaries in the client's stream of one connection.
+struct frame_walker {
+  uint32_t opening_left = kOpeningBytes;
+  uint32_t header_pos = 0;  // bytes of the current packet's header seen
+  uint32_t length = 0;      // its cipher length
+  uint64_t body_total = 0;
+  uint64_t body_left = 0;
+  uint64_t number = 0;  // the current packet's request number
+};
 
 sockaddr_in loopback(int port) {
   sockaddr_in addr = {};
@@ -103,9 +121,13 @@ struct fault_proxy::link {
   bool broken = false;     // an error on either side: close both at once
   flow up;                 // client -> server
   flow down;               // server -> client
+  frame_walker walk;       // of the client's stream
+  std::string held;        // client bytes a stall holds back
+  steady::time_point held_until;
 
+  bool up_readable() const { return up.can_read() && held.empty(); }
   short client_events() const {
-    return static_cast<short>((up.can_read() ? POLLIN : 0) |
+    return static_cast<short>((up_readable() ? POLLIN : 0) |
                               (down.pending.empty() ? 0 : POLLOUT));
   }
   short server_events() const {
@@ -167,23 +189,108 @@ void fault_proxy::drop_after_upstream_bytes(uint64_t offset) {
   counted_ = 0;
 }
 
-size_t fault_proxy::pass_upstream(size_t n, bool* cut) {
+void fault_proxy::arm(fault_kind kind, uint64_t request, int stall_ms) {
   std::lock_guard<std::mutex> hold(fault_mutex_);
+  request_fault_ = kind;
+  fault_request_ = request;
+  stall_ms_ = stall_ms;
+  requests_ = 0;
+}
+
+bool fault_proxy::find_request_fault(link* l, const std::string& data,
+                                     size_t* pass) {
+  frame_walker& w = l->walk;
+  bool found = false;
+  // The whole read is walked even after the fault, so the walker stays in
+  // step for what follows.
+  for (size_t i = 0; i < data.size(); ++i) {
+    if (w.opening_left > 0) {
+      --w.opening_left;
+      continue;
+    }
+    bool target = request_fault_ != fault_kind::none && !found;
+    if (w.header_pos == 0) {
+      w.number = requests_++;
+      w.length = 0;
+      if (target && w.number == fault_request_ &&
+          (request_fault_ == fault_kind::drop_before ||
+           request_fault_ == fault_kind::stall)) {
+        *pass = i;
+        found = true;
+      }
+    }
+    if (w.header_pos < kPacketHeader) {
+      if (w.header_pos < 2) {
+        w.length = (w.length << 8) | static_cast<uint8_t>(data[i]);
+      }
+      if (++w.header_pos == kPacketHeader) {
+        w.body_total = w.body_left = w.length == 0 ? 65536 : w.length;
+      }
+      continue;
+    }
+    --w.body_left;
+    if (target && w.number == fault_request_ &&
+        ((request_fault_ == fault_kind::cut_inside &&
+          w.body_left == w.body_total / 2) ||
+         (request_fault_ == fault_kind::drop_after && w.body_left == 0))) {
+      *pass = i + 1;
+      found = true;
+    }
+    if (w.body_left == 0) {
+      w.header_pos = 0;
+    }
+  }
+  return found;
+}
+
+size_t fault_proxy::pass_upstream(link* l, bool* cut) {
+  std::lock_guard<std::mutex> hold(fault_mutex_);
+  std::string& data = l->up.pending;
   *cut = false;
-  if (drop_armed_ && counted_ + n > drop_offset_) {
-    n = static_cast<size_t>(drop_offset_ - counted_);
+  if (drop_armed_ && counted_ + data.size() > drop_offset_) {
+    data.resize(static_cast<size_t>(drop_offset_ - counted_));
     drop_armed_ = false;
     *cut = true;
     ++drops_;
   }
-  counted_ += n;
-  return n;
+  counted_ += data.size();  // held bytes count as read from the client
+  size_t pass = data.size();
+  fault_kind kind = request_fault_;
+  if (find_request_fault(l, data, &pass)) {
+    request_fault_ = fault_kind::none;
+    ++drops_;
+    if (kind == fault_kind::stall) {
+      l->held = data.substr(pass);
+      l->held_until = steady::now() + std::chrono::milliseconds(stall_ms_);
+    } else {
+      *cut = true;
+    }
+    data.resize(pass);
+  }
+  return data.size();
 }
 
 void fault_proxy::run() {
   std::vector<link> links;  // every socket closes when the loop ends
   std::vector<pollfd> fds;
   for (;;) {
+    // A stalled link takes its held bytes back once the stall is over and
+    // the bytes before it are out.
+    int timeout = -1;
+    steady::time_point now = steady::now();
+    for (link& l : links) {
+      if (l.held.empty()) {
+        continue;
+      }
+      if (now >= l.held_until && l.up.pending.empty()) {
+        l.up.pending.swap(l.held);
+        continue;
+      }
+      auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
+          l.held_until - now);
+      int ms = static_cast<int>(std::max<int64_t>(wait.count(), 1));
+      timeout = timeout < 0 ? ms : std::min(timeout, ms);
+    }
     fds.assign({{wake_read_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}});
     // A side with nothing to do is left out: poll reports a hang-up even
     // when not asked, which would spin while the other side catches up.
@@ -193,7 +300,7 @@ void fault_proxy::run() {
       fds.push_back({ce != 0 ? l.client.get() : -1, ce, 0});
       fds.push_back({se != 0 ? l.server.get() : -1, se, 0});
     }
-    if (poll(fds.data(), fds.size(), -1) < 0) {
+    if (poll(fds.data(), fds.size(), timeout) < 0) {
       if (errno == EINTR) {
         continue;
       }
@@ -254,11 +361,11 @@ void fault_proxy::service(link* l, short client_revents, short server_revents) {
     l->connecting = false;
     server_revents = 0;  // that was the connect, not data
   }
-  if ((client_revents & readable) != 0 && l->up.can_read()) {
+  if ((client_revents & readable) != 0 && l->up_readable()) {
     size_t n = receive(l->client.get(), &l->up, &l->broken);
     bool cut = false;
     if (n > 0) {
-      l->up.pending.resize(pass_upstream(n, &cut));
+      pass_upstream(l, &cut);
     }
     if (cut) {
       // The client goes at once. The server gets what came before the cut,

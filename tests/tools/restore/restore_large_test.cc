@@ -11,12 +11,11 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/kfsd_process.h"
+#include "tests/support/backup_service.h"
 #include "tests/support/test_support.h"
 
 namespace {
 
-const uint8_t kKey[32] = {42, 1, 2, 3};
 constexpr uint64_t kFourGiB = uint64_t{1} << 32;
 constexpr uint64_t kSize = kFourGiB + (1 << 20) + 123;
 
@@ -62,45 +61,14 @@ bool same_bytes(const std::string& a, const std::string& b) {
 class LargeFile : public TempDirTest {};
 
 TEST_F(LargeFile, SparseFileAbove4GiBRoundTrips) {
-  std::string root = dir() + "/root", data = dir() + "/data";
-  make_dirs(root + "/etc");
+  backup_service svc;
+  ASSERT_TRUE(svc.start(dir(), 1 << 20));
   make_dirs(dir() + "/src");
-  write_key_file(root + "/etc/account.key", kKey);
-  write_file(root + "/etc/success_txt.emt",
-             "sent=#NUM_TRANSFERED# failed=#NUM_FAILED#\n");
-  kfsd_init(data);
-  kfsd_add_user(data, 7, "alice", root + "/etc/account.key");
-  kfsd_process server;
-  ASSERT_TRUE(server.start(data, {"--no-sync"}));
-  std::string hosts = "127.0.0.1:" + std::to_string(server.port()) + "\n";
-  write_file(root + "/etc/hosts", hosts);
-  write_file(dir() + "/hosts", hosts);
-  write_file(root + "/big.job",
-             "name=big\nUserId=7\nDest=/7/Big\nhtml=0\n"
-             "Email=ops@example.org\nSrc=" +
-                 dir() + "/src\n");
   std::string src = dir() + "/src/huge";
   make_sparse(src);
+  EXPECT_EQ(svc.back_up(dir() + "/src"), "sent=1 failed=0\n");
 
-  run_result r = run_program(AGENT_UNDER_TEST, {AGENT_UNDER_TEST, "big.job"},
-                             {root, {{"KOVRA_TEST_ROOT", root}}});
-  ASSERT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_EQ(kfsd_last_message(data), "sent=1 failed=0\n");
-
-  std::string remote = "/7/Big" + dir() + "/src";
-  std::vector<std::string> base = {"kovrarestore",
-                                   "--hosts",
-                                   dir() + "/hosts",
-                                   "--key",
-                                   root + "/etc/account.key",
-                                   "--user",
-                                   "7"};
-  auto restore = [&](std::vector<std::string> args) {
-    std::vector<std::string> argv = base;
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run_program(RESTORE_TOOL, argv);
-  };
-  r = restore({remote, dir() + "/out"});
+  run_result r = svc.restore({svc.remote_of(dir() + "/src"), dir() + "/out"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   std::string back = dir() + "/out/src/huge";
   struct stat a, b;
@@ -112,9 +80,7 @@ TEST_F(LargeFile, SparseFileAbove4GiBRoundTrips) {
   EXPECT_LT(static_cast<uint64_t>(b.st_blocks) * 512, uint64_t{64} << 20)
       << "the holes were written out";
   EXPECT_TRUE(same_bytes(src, back));
-
-  r = restore({"--verify", dir() + "/src", remote});
-  EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+  EXPECT_EQ(svc.verify(dir() + "/src"), "");
 }
 
 }  // namespace

@@ -15,14 +15,13 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include "tests/support/backup_service.h"
 #include "tests/support/fault_proxy.h"
 #include "tests/support/kfsd_process.h"
 #include "tests/support/test_support.h"
 
 namespace {
 
-const uint8_t kKey[32] = {3, 1, 4, 1, 5, 9, 2, 6, 5, 3, 5, 8, 9, 7, 9, 3,
-                          2, 3, 8, 4, 6, 2, 6, 4, 3, 3, 8, 3, 2, 7, 9, 5};
 constexpr uint32_t kBlock = 4096;
 
 // What differs between two trees: paths, kinds, bytes, times, permission
@@ -135,64 +134,17 @@ void make_tree(const std::string& root, const tree_shape& shape) {
 
 class RoundTrip : public TempDirTest {
  protected:
-  void start(uint32_t block_size = kBlock) {
-    root_ = dir() + "/root";
-    data_ = dir() + "/data";
-    make_dirs(root_ + "/etc");
-    write_key_file(root_ + "/etc/account.key", kKey);
-    write_file(root_ + "/etc/success_txt.emt",
-               "sent=#NUM_TRANSFERED# failed=#NUM_FAILED#\n#ERROR_LIST#");
-    for (const char* name : {"failinfo_txt.emt", "failnoinfo_txt.emt"}) {
-      write_file(root_ + "/etc/" + name, "failed: #ERROR_MESSAGE#\n");
-    }
-    kfsd_init(data_);
-    kfsd_add_user(data_, 7, "alice", root_ + "/etc/account.key");
-    ASSERT_TRUE(server_.start(
-        data_, {"--block-size", std::to_string(block_size), "--no-sync"}));
-    point_at(server_.port());
-  }
-
-  // Both the agent and the restore tool talk to port from now on.
-  void point_at(int port) {
-    std::string hosts = "127.0.0.1:" + std::to_string(port) + "\n";
-    write_file(root_ + "/etc/hosts", hosts);
-    write_file(dir() + "/hosts", hosts);
-  }
-
-  // One run of the agent over src; the report it sent.
-  std::string back_up(const std::string& src) {
-    write_file(root_ + "/rt.job",
-               "name=rt\nUserId=7\nDest=/7/Today\nhtml=0\n"
-               "Email=ops@example.org\nSrc=" +
-                   src + "\n");
-    run_result r = run_program(AGENT_UNDER_TEST, {AGENT_UNDER_TEST, "rt.job"},
-                               {root_,
-                                {{"KOVRA_TEST_ROOT", root_},
-                                 {"KOVRA_TEST_SLEEP_LOG", dir() + "/sleeps"}}});
-    EXPECT_EQ(r.exit_code, 0) << r.err;
-    return kfsd_last_message(data_);
-  }
-
-  run_result restore(std::vector<std::string> args,
+  void start() { ASSERT_TRUE(svc_.start(dir(), kBlock)); }
+  std::string back_up(const std::string& src) { return svc_.back_up(src); }
+  run_result restore(const std::vector<std::string>& args,
                      const std::string& key_file = "") {
-    std::vector<std::string> argv = {
-        "kovrarestore",
-        "--hosts",
-        dir() + "/hosts",
-        "--key",
-        key_file.empty() ? root_ + "/etc/account.key" : key_file,
-        "--user",
-        "7"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run_program(RESTORE_TOOL, argv);
+    return svc_.restore(args, key_file);
   }
-
   static std::string remote_of(const std::string& local) {
-    return "/7/Today" + local;
+    return backup_service::remote_of(local);
   }
 
-  std::string root_, data_;
-  kfsd_process server_;
+  backup_service svc_;
 };
 
 TEST_F(RoundTrip, RandomTreesComeBackIdentical) {
@@ -266,8 +218,8 @@ TEST_F(RoundTrip, LaterBackupsWinAndVerifySaysWhatChanged) {
 TEST_F(RoundTrip, BackupCutOffInTheMiddleOfAFileRestoresExactly) {
   start();
   fault_proxy proxy;
-  ASSERT_TRUE(proxy.start(server_.port()));
-  point_at(proxy.port());
+  ASSERT_TRUE(proxy.start(svc_.server.port()));
+  svc_.point_agent_at(proxy.port());
   std::string src = dir() + "/src";
   make_dirs(src);
   std::mt19937 gen(8);
@@ -382,13 +334,13 @@ TEST_F(RoundTrip, SaysWhyNothingCanBeRestored) {
     EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
   }
 
-  replace_key_digest(data_ + "/kfsd.db", other);
+  replace_key_digest(svc_.data + "/kfsd.db", other);
   run_result r = restore({remote_of(src), "out"}, "other.key");
   EXPECT_EQ(r.exit_code, 3);
   EXPECT_NE(r.err.find("does not fit this backup"), std::string::npos) << r.err;
   EXPECT_FALSE(path_exists("out/src/a"));
 
-  server_.stop();
+  svc_.server.stop();
   r = restore({remote_of(src), "out"});
   EXPECT_EQ(r.exit_code, 3);
   EXPECT_NE(r.err.find("no server in"), std::string::npos) << r.err;
