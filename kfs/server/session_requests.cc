@@ -1,5 +1,6 @@
 // Requests about the session rather than files: login, the user lock with
 // its stamp, and e-mail to the outbox.
+#include <errno.h>
 #include <stdio.h>
 #include <time.h>
 #include <unistd.h>
@@ -63,11 +64,10 @@ uint32_t post(kfsd_request* req, uint8_t kind, const std::string& recipient,
   kfsd_store* store = &req->conn->server->store;
   std::string temp = kfsd_temp_path(store);
   // Names sort in arrival order (time, then a zero-padded sequence), so
-  // "the newest message" is simply the last name.
+  // "the newest message" is simply the last name. A server restarted within
+  // the same second starts its sequence again: link() never replaces a
+  // message, the next number is tried instead.
   static std::atomic<uint32_t> sequence{0};
-  char name[64];
-  snprintf(name, sizeof name, "%lld-%08u.msg",
-           static_cast<long long>(time(nullptr)), ++sequence);
   file_ptr f(fopen(temp.c_str(), "w"));
   bool ok = f && fprintf(f.get(),
                          "kfsd-user: %u\nkfsd-kind: %u\nkfsd-recipient: %s\n"
@@ -76,9 +76,17 @@ uint32_t post(kfsd_request* req, uint8_t kind, const std::string& recipient,
                          subject.c_str()) > 0;
   ok = ok && fwrite(text.data(), 1, text.size(), f.get()) == text.size();
   ok = f && fclose(f.release()) == 0 && ok;
-  std::string dest = store->dir + "/" + KFSD_OUTBOX_DIR + "/" + name;
-  if (!ok || rename(temp.c_str(), dest.c_str()) != 0) {
-    unlink(temp.c_str());
+  int rc = -1;
+  for (int attempt = 0; ok && attempt < 1000 && rc != 0; ++attempt) {
+    char name[64];
+    snprintf(name, sizeof name, "%lld-%08u.msg",
+             static_cast<long long>(time(nullptr)), ++sequence);
+    std::string dest = store->dir + "/" + KFSD_OUTBOX_DIR + "/" + name;
+    rc = link(temp.c_str(), dest.c_str());
+    ok = rc == 0 || errno == EEXIST;
+  }
+  unlink(temp.c_str());
+  if (rc != 0) {
     return ERR_IO;
   }
   return 0;

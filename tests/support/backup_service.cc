@@ -1,5 +1,7 @@
 #include "tests/support/backup_service.h"
 
+#include <time.h>
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -90,4 +92,12 @@ std::string backup_service::verify(const std::string& src) const {
 std::string backup_service::check_store() const {
   run_result r = run_program(KFSD_PATH, {"kfsd", "check", data});
   return r.exit_code == 0 ? "" : r.out + r.err;
+}
+
+void backup_service::next_second() {
+  time_t now = time(nullptr);
+  struct timespec tick = {0, 10 * 1000 * 1000};
+  while (time(nullptr) == now) {
+    nanosleep(&tick, nullptr);
+  }
 }

@@ -43,6 +43,12 @@ class backup_service {
   // `kfsd check` of the data folder: "" when consistent, else its output.
   std::string check_store() const;
 
+  // Waits for the clock's next second. The index and the service share a
+  // stamp of whole seconds, so a run that starts in the second in which a
+  // failed run committed its index (and could not tell the service) would
+  // take that index for the service's: runs a second apart never do.
+  static void next_second();
+
   static std::string remote_of(const std::string& local) {
     return "/7/Today" + local;
   }

@@ -57,16 +57,25 @@ std::vector<std::string> outbox_names(const std::string& dir) {
   return names;
 }
 
+std::string message_text(const std::string& dir, const std::string& name) {
+  std::string text = read_file(dir + "/outbox/" + name);
+  size_t body = text.find("\n\n");
+  return body == std::string::npos ? text : text.substr(body + 2);
+}
+
 }  // namespace
 
 std::string kfsd_last_message(const std::string& dir) {
   std::vector<std::string> names = outbox_names(dir);
-  if (names.empty()) {
-    return "";
+  return names.empty() ? "" : message_text(dir, names.back());
+}
+
+std::vector<std::string> kfsd_messages(const std::string& dir) {
+  std::vector<std::string> texts;
+  for (const std::string& name : outbox_names(dir)) {
+    texts.push_back(message_text(dir, name));
   }
-  std::string text = read_file(dir + "/outbox/" + names.back());
-  size_t body = text.find("\n\n");
-  return body == std::string::npos ? text : text.substr(body + 2);
+  return texts;
 }
 
 size_t kfsd_message_count(const std::string& dir) {

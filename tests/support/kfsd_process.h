@@ -26,6 +26,8 @@ void write_key_file(const std::string& path, const uint8_t key[32]);
 // outbox, "" when there is none; and how many messages the outbox holds.
 std::string kfsd_last_message(const std::string& dir);
 size_t kfsd_message_count(const std::string& dir);
+// The texts of all messages in the outbox, oldest first.
+std::vector<std::string> kfsd_messages(const std::string& dir);
 
 // One running `kfsd serve` on 127.0.0.1, port 0.
 class kfsd_process {

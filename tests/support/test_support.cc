@@ -110,14 +110,14 @@ void drain(int out_fd, int err_fd, std::string& out, std::string& err) {
 
 }  // namespace
 
-run_result run_program(const std::string& program,
-                       const std::vector<std::string>& argv,
-                       const run_options& options) {
-  run_result result;
+started_program start_program(const std::string& program,
+                              const std::vector<std::string>& argv,
+                              const run_options& options) {
+  started_program started;
   int out_pipe[2], err_pipe[2];
   if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) {
     ADD_FAILURE() << "pipe: " << strerror(errno);
-    return result;
+    return started;
   }
   std::vector<char*> args;
   for (const auto& a : argv) {
@@ -148,12 +148,31 @@ run_result run_program(const std::string& program,
     ADD_FAILURE() << "fork: " << strerror(errno);
     close(out_pipe[0]);
     close(err_pipe[0]);
+    return started;
+  }
+  started.pid = pid;
+  started.out_fd = out_pipe[0];
+  started.err_fd = err_pipe[0];
+  return started;
+}
+
+run_result finish_program(started_program* program) {
+  run_result result;
+  if (program->pid < 0) {
     return result;
   }
-  drain(out_pipe[0], err_pipe[0], result.out, result.err);
+  drain(program->out_fd, program->err_fd, result.out, result.err);
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  while (waitpid(program->pid, &status, 0) < 0 && errno == EINTR) {
   }
   result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  *program = started_program();
   return result;
+}
+
+run_result run_program(const std::string& program,
+                       const std::vector<std::string>& argv,
+                       const run_options& options) {
+  started_program started = start_program(program, argv, options);
+  return finish_program(&started);
 }

@@ -56,3 +56,22 @@ struct run_options {
 run_result run_program(const std::string& program,
                        const std::vector<std::string>& argv,
                        const run_options& options = {});
+
+// A program started by start_program and not yet finished.
+struct started_program {
+  pid_t pid = -1;
+  int out_fd = -1;  // read ends of its standard output and error
+  int err_fd = -1;
+};
+
+// Starts `program` as run_program does but returns at once, so that several
+// run side by side. Its output waits in pipes until finish_program: one that
+// fills a pipe (64 KiB) stops there until then, so finish programs that say
+// much in the order they need to end. pid is -1 when it could not start.
+started_program start_program(const std::string& program,
+                              const std::vector<std::string>& argv,
+                              const run_options& options = {});
+
+// Reads all a started program says until it ends, reaps it and closes the
+// pipes; the result says -1 for a program that never started.
+run_result finish_program(started_program* program);
