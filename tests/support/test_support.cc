@@ -139,6 +139,9 @@ started_program start_program(const std::string& program,
     for (const auto& [name, value] : options.env) {
       setenv(name.c_str(), value.c_str(), 1);
     }
+    if (options.before_exec != nullptr) {
+      options.before_exec();
+    }
     execv(program.c_str(), args.data());
     _exit(127);
   }

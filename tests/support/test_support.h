@@ -49,6 +49,7 @@ struct run_result {
 struct run_options {
   std::string cwd;                                       // "" keeps ours
   std::vector<std::pair<std::string, std::string>> env;  // added or replaced
+  void (*before_exec)() = nullptr;  // runs in the child, just before exec
 };
 
 // Runs `program` with argv exactly as given (argv[0] included, so a test can
