@@ -74,7 +74,12 @@ constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
 static_assert(std::size(kWeekdays) == 7 && std::size(kMonths) == 12);
 
 bool append_text(report_state* r, const char* text) {
-  return report_append(r, text, text != nullptr ? strlen(text) : 0);
+  // A value not known yet (no account before the login, no failure
+  // message) adds nothing; memcpy must not get its null even for 0 bytes.
+  if (text == nullptr) {
+    text = "";
+  }
+  return report_append(r, text, strlen(text));
 }
 
 bool append_error_list(report_state* r, bool html) {

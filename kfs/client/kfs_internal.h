@@ -1,5 +1,6 @@
 // kfs/client/kfs_internal.h: what the client's own files share: big-endian
-// field access and the message header codec.
+// field access, the message header codec, and the session's two parsers of
+// outside input (server lists, the login reply), which the fuzz targets call.
 #pragma once
 
 #include <stdint.h>
@@ -42,3 +43,19 @@ inline void decode_header(kfs_message* m) {
   m->sequence = get_be16(m->buffer + 3);
   m->status = m->buffer[5];
 }
+
+// Reads one server list file ("host:port" lines, '#' comments, trailing
+// blanks ignored, lines without ':' or with a host of KFS_HOST_SIZE bytes
+// or more skipped), appending entries to out until *count reaches max.
+// False when the file cannot be opened. Shared with the fuzz targets, which
+// parse lists without connecting anywhere.
+bool kfs_read_server_list(const char* path, const char* mode,
+                          kfs_server_entry* out, int max, int* count);
+
+// Decodes the login reply of modes user, agent and web held in the
+// session's record into the session (account, user name, agent time) and
+// the server table (rewriting last_servers_path when servers are named).
+// False, with the session unchanged but for its account record, for a reply
+// that does not parse; *redirect says whether to log in again. Shared with
+// the fuzz targets, which cannot reach it through the RSA key exchange.
+bool kfs_take_login_reply(kfs_session* session, bool* redirect);

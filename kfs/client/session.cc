@@ -57,10 +57,10 @@ void restore(kfs_session* s, const saved_message& kept) {
   s->message.buffer[5] = status;
 }
 
-// One list file: "host:port" lines, '#' comments, trailing blanks ignored,
-// lines without ':' skipped. Returns false when the file cannot be opened.
-bool read_server_list(const char* path, const char* mode, kfs_server_entry* out,
-                      int max, int* count) {
+}  // namespace
+
+bool kfs_read_server_list(const char* path, const char* mode,
+                          kfs_server_entry* out, int max, int* count) {
   file_ptr f(fopen(path, mode));
   if (!f) {
     return false;
@@ -87,6 +87,8 @@ bool read_server_list(const char* path, const char* mode, kfs_server_entry* out,
   }
   return true;
 }
+
+namespace {
 
 // Writes the server's PEM text to the exclusive temporary file and reads
 // it back as a public key; the file is removed whatever the outcome.
@@ -250,9 +252,9 @@ void write_last_servers(const kfs_session* s) {
   }
 }
 
-// Reads the login reply of modes user, agent and web. Returns false for a
-// reply that does not parse; *redirect says whether to log in again.
-bool take_login_reply(kfs_session* s, bool* redirect) {
+}  // namespace
+
+bool kfs_take_login_reply(kfs_session* s, bool* redirect) {
   kfs_reader r;
   kfs_reader_begin(&s->message, &r);
   *redirect = kfs_get_u8(&r) != 0;
@@ -298,6 +300,8 @@ bool take_login_reply(kfs_session* s, bool* redirect) {
   return true;
 }
 
+namespace {
+
 uint32_t open_session(kfs_session* s, char* token_out, size_t token_size) {
   for (int logins = 0; logins <= kMaxRedirects; ++logins) {
     if (!stage_login(s)) {
@@ -328,7 +332,7 @@ uint32_t open_session(kfs_session* s, char* token_out, size_t token_size) {
       return status;
     }
     bool redirect = false;
-    if (!take_login_reply(s, &redirect)) {
+    if (!kfs_take_login_reply(s, &redirect)) {
       return ERR_SEQUENCE;
     }
     if (!redirect) {
@@ -387,13 +391,13 @@ uint32_t kfs_connect_any(kfs_session* s) {
   }
   kfs_server_table& t = server_table;
   memset(&t, 0, sizeof t);
-  if (!read_server_list(s->server_list_path, "r", t.servers, KFS_MAX_SERVERS,
-                        &t.count)) {
+  if (!kfs_read_server_list(s->server_list_path, "r", t.servers,
+                            KFS_MAX_SERVERS, &t.count)) {
     return ERR_BADPATH;
   }
   if (s->last_servers_path[0] != '\0') {
-    read_server_list(s->last_servers_path, "rt", t.last, KFS_MAX_LAST_SERVERS,
-                     &t.last_count);
+    kfs_read_server_list(s->last_servers_path, "rt", t.last,
+                         KFS_MAX_LAST_SERVERS, &t.last_count);
   }
   if (t.count == 0) {
     if (t.last_count == 0) {

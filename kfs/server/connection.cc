@@ -56,7 +56,9 @@ bool is_answered(const kfs_message* in) {
            (in->buffer[1] & KFS_WRITE_NO_ACK) != 0);
 }
 
-int dispatch(kfsd_request* req, const kfs_message* in) {
+}  // namespace
+
+int kfsd_dispatch(kfsd_request* req, const kfs_message* in) {
   handler_fn fn = nullptr;
   for (const route& r : kRoutes) {
     if (r.type == in->type) {
@@ -73,6 +75,8 @@ int dispatch(kfsd_request* req, const kfs_message* in) {
   }
   return is_answered(in) ? KFSD_REPLY : KFSD_SILENT;
 }
+
+namespace {
 
 void log_request(const kfsd_conn* conn, const kfs_message* in,
                  const kfsd_request* req, int action) {
@@ -108,7 +112,7 @@ void serve(kfsd_conn* conn, kfs_packet_cipher* cipher) {
     req.conn = conn;
     kfs_reader_begin(in.get(), &req.in);
     kfs_body_begin(out.get(), &req.out);
-    int action = dispatch(&req, in.get());
+    int action = kfsd_dispatch(&req, in.get());
     if (verbose) {
       log_request(conn, in.get(), &req, action);
     }

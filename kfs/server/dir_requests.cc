@@ -60,6 +60,9 @@ int kfsd_request_find_files(kfsd_request* req) {
       return KFSD_REPLY;
     }
     listing = &it->second;
+    // Names are coded as this request asks: the client reads each reply
+    // by the flags of the request it sent, continuations included.
+    listing->wide_names = (flags & 0x01) != 0;
   }
 
   const std::vector<kfsd_entry>& all = listing->entries;

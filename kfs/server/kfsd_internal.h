@@ -368,6 +368,13 @@ bool kfsd_holds_lock(kfsd_conn* conn);
 // write handle leaves the upload as it stands.
 void kfsd_handle_free(kfsd_conn* conn, kfsd_handle* handle);
 
+// Runs one received request against its connection: the handler of its
+// type; ERR_INVARG for a type kfsd does not serve, ERR_ACCESS for anything
+// but a login before one succeeded. Returns the KFSD_* action, as the
+// handlers do. Touches no socket, so fuzz targets can run bodies through it.
+// REQUIRES: req->in reads in's body; req->out is begun on the reply record.
+int kfsd_dispatch(kfsd_request* req, const kfs_message* in);
+
 // The request handlers. Each parses req->in, sets req->status, writes the
 // reply body (if any) to req->out, and returns a KFSD_* action. Only the
 // login is dispatched before a login; the rest are answered ERR_ACCESS.

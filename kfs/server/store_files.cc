@@ -150,7 +150,9 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
                           const std::string& attr, uint32_t base_block_size,
                           kfsd_wopen_result* out) {
   uint64_t block_size = base_block_size;
-  uint64_t count = (size + block_size - 1) / block_size;
+  // Not (size + block_size - 1) / block_size: that wraps for sizes near
+  // 2^64 and would open a huge file with no blocks at all.
+  uint64_t count = size / block_size + (size % block_size != 0);
   while (count > KFSD_MAX_BLOCKS) {
     block_size *= 2;
     count = size / block_size + (size % block_size != 0);

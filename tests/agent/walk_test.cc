@@ -2,6 +2,7 @@
 // real tree, and walks and per-file backups against a real kfsd.
 #include "agent/walk.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,6 +10,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <iterator>
 #include <map>
 #include <memory>
 #include <string>
@@ -375,6 +377,71 @@ TEST_F(WalkService, UpToDateAtOpenIsRecorded) {
   begin_run(5);
   backup_file_with_key(&s_, KEY, "src/one", "/7/b/one", &st);
   EXPECT_EQ(counts(), (std::vector<int64_t>{0, 1, 0}));
+}
+
+// The index must see a file's whole size and its time as the service keeps
+// it (the low 32 bits), whatever the widths of off_t and time_t on the box;
+// and a file with a time past 2038 or before 1970 is walked like any other.
+// Sparse files cost no disk. The service is stopped: a file the index
+// vouches for counts as up to date, any other fails on the request, and
+// one the walk leaves out counts as neither.
+TEST_F(WalkService, IndexSeesWholeSizesAndTimesOutside32Bits) {
+  constexpr int64_t kNow = 1500000000;
+  constexpr int64_t k1960 = -315619200;
+  constexpr int64_t k2040 = 2208988800;
+  constexpr uint64_t k4GiB = uint64_t{1} << 32;
+  const struct {
+    const char* name;
+    uint64_t size;
+    int64_t mtime, atime;
+    uint64_t recorded_size;
+    int64_t recorded_mtime;
+    bool up_to_date;
+  } cases[] = {
+      {"above 4 GiB", k4GiB + 100, kNow, kNow, k4GiB + 100, kNow, true},
+      {"4 GiB more than recorded", k4GiB + 100, kNow, kNow, 100, kNow, false},
+      {"4 GiB less than recorded", 100, kNow, kNow, k4GiB + 100, kNow, false},
+      {"changed before 1970", 100, k1960, k1960, 100, k1960, true},
+      {"changed after 2038", 100, k2040, kNow, 100, k2040, true},
+      {"read after 2038", 100, kNow, k2040, 100, kNow, true},
+      {"a second off after 2038", 100, k2040, kNow, 100, k2040 - 1, false},
+  };
+  fci_context* fci = fci_run_context();
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    const auto& c = cases[i];
+    SCOPED_TRACE(c.name);
+    std::string folder = "t" + std::to_string(i);
+    std::string file = folder + "/f";
+    make_dirs(folder);
+    write_file(file, "");
+    ASSERT_EQ(truncate(file.c_str(), static_cast<off_t>(c.size)), 0);
+    // A time_t too narrow for these makes lstat fail on the file.
+    ASSERT_EQ(static_cast<time_t>(c.mtime), c.mtime);
+    ASSERT_EQ(static_cast<time_t>(c.atime), c.atime);
+    const struct timespec times[2] = {{static_cast<time_t>(c.atime), 0},
+                                      {static_cast<time_t>(c.mtime), 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+    ASSERT_EQ(fci_add(fci, folder.c_str(), 0, 0, 0), 0);
+    ASSERT_EQ(fci_add(fci, file.c_str(),
+                      static_cast<uint32_t>(c.recorded_mtime),
+                      static_cast<uint32_t>(c.recorded_size),
+                      static_cast<uint32_t>(c.recorded_size >> 32)),
+              0);
+  }
+  fci_close(fci, 77);
+  server_.stop();
+  begin_run(77);
+  walk_job job = {nullptr, KEY};
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    const auto& c = cases[i];
+    SCOPED_TRACE(c.name);
+    std::vector<int64_t> before = counts();
+    std::string folder = "t" + std::to_string(i);
+    walk_directory(&s_, &job, folder.c_str(), ("/7/b/" + folder).c_str());
+    std::vector<int64_t> after = counts();
+    EXPECT_EQ(after[1] - before[1], c.up_to_date ? 1 : 0);
+    EXPECT_EQ(after[2] - before[2], c.up_to_date ? 0 : 1);
+  }
 }
 
 }  // namespace

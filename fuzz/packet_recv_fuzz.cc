@@ -1,0 +1,73 @@
+// kfs_packet_recv on any bytes, in the clear (mode 1) and under AES (mode 3,
+// a fixed key): the input goes into one end of a socket pair, whose write
+// side is then shut, and packets are read from the other end until one
+// fails with nothing left to read. Every other packet goes through the raw
+// variant. A packet that parses must describe itself consistently.
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "fuzz/fuzz_support.h"
+#include "kfs/client/kfs.h"
+#include "lib/scoped.h"
+
+namespace {
+
+// What one write into a fresh socket pair surely holds without blocking.
+constexpr size_t kMaxInput = 128 * 1024;
+
+void receive_all(kfs_packet_cipher* cipher, kfs_message* message,
+                 const uint8_t* data, size_t size) {
+  int pair[2];
+  fuzz_require(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0, "socketpair");
+  unique_fd reader(pair[0]);
+  unique_fd writer(pair[1]);
+  int buffer = 4 * 1024 * 1024;
+  if (setsockopt(writer.get(), SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer) !=
+      0) {
+    // The default buffer holds kMaxInput as well.
+  }
+  ssize_t put = size > 0 ? send(writer.get(), data, size, MSG_DONTWAIT) : 0;
+  fuzz_require(put == static_cast<ssize_t>(size), "the input fits the pair");
+  shutdown(writer.get(), SHUT_WR);
+
+  static uint8_t raw[KFS_CIPHER_TEXT_SIZE + 16];
+  for (int n = 0;; ++n) {
+    uint32_t raw_length = 0;
+    uint32_t rc = n % 2 == 0
+                      ? kfs_packet_recv(reader.get(), cipher, message)
+                      : kfs_packet_recv_raw(reader.get(), cipher, message, raw,
+                                            sizeof raw, &raw_length);
+    if (rc == 0) {
+      fuzz_require(message->data_length <= KFS_MAX_BODY, "body fits a record");
+      fuzz_require(n % 2 == 0 || (raw_length > KFS_HEADER_SIZE &&
+                                  raw_length <= KFS_HEADER_SIZE + 65536),
+                   "raw length is the whole packet");
+      continue;
+    }
+    fuzz_require(rc == ERR_SCKREAD, "a failed receive is ERR_SCKREAD");
+    int left = 0;
+    if (ioctl(reader.get(), FIONREAD, &left) != 0 || left == 0) {
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static kfs_packet_cipher* plain = kfs_cipher_new(1, FUZZ_PACKET_KEY, 0);
+  static kfs_packet_cipher* aes =
+      kfs_cipher_new(KFS_MODE_AES, FUZZ_PACKET_KEY, 0);
+  static malloc_ptr<kfs_message> message(
+      static_cast<kfs_message*>(calloc(1, sizeof(kfs_message))));
+  if (size > kMaxInput) {
+    return 0;
+  }
+  receive_all(plain, message.get(), data, size);
+  receive_all(aes, message.get(), data, size);
+  return 0;
+}

@@ -1,0 +1,95 @@
+// Report templates on any bytes: the input is the template file (HTML when
+// it starts with '<', as the installed HTML templates do), loaded and
+// filled with the figures of a run whose texts and times vary with the
+// input's last byte. The error list is long enough that a few #ERROR_LIST#
+// tokens overflow the message, so the abandoning path is reached too.
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+
+#include "agent/report.h"
+#include "agent/report_internal.h"
+#include "fuzz/fuzz_support.h"
+#include "lib/scoped.h"
+#include "lib/str_list.h"
+
+namespace {
+
+struct run_figures {
+  const char* dest;
+  const char* user_name;
+  time_t start;
+  time_t stop;
+};
+
+// Destinations with and without a second '/', and times as the clock gives
+// them: a run, a failure before any stop time (the duration wraps), a year
+// past 2038, and the epoch.
+constexpr run_figures kRuns[] = {
+    {"/7/Today/box", "alice", 1700000000, 1700003723},
+    {"/7", "", 1700000000, 0},
+    {"", nullptr, 4102444800, 4102448401},
+    {"/7/a/b/c/d/e/f/g/h/i/j/k/l/m/n/o/p/q/r/s/t/u/v/w/x/y/z/0/1/2/3/4/5/6/7/"
+     "8/9/a/b/c/d/e/f/g/h/i/j/k/l/m/n/o/p/q/r/s/t/u/v/w/x/y/z/0/1/2/3/4/5/6/7",
+     "a-rather-long-user-name", 0, 0},
+};
+
+str_list* make_error_list() {
+  str_list* list = str_list_new(1, 16, nullptr);
+  std::string long_text(2000, 'e');
+  for (int i = 0; i < 30; ++i) {
+    std::string file = "/srv/photos/" + std::to_string(i) + ".jpg";
+    str_list_insert(list, file.data(), static_cast<uint32_t>(file.size()),
+                    str_list_count(list));
+    str_list_insert(list, long_text.data(),
+                    static_cast<uint32_t>(long_text.size()),
+                    str_list_count(list));
+  }
+  // An odd last item: a file without its text, which the list skips.
+  str_list_insert(list, "/odd", 4, str_list_count(list));
+  return list;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const std::string base = fuzz_scratch_dir() + "/tmpl";
+  static str_list* errors = make_error_list();
+  static malloc_ptr<report_state> r(
+      static_cast<report_state*>(calloc(1, sizeof(report_state))));
+
+  int flags = size > 0 && data[0] == '<' ? REPORT_FLAG_HTML : 0;
+  std::string name = base + (flags != 0 ? "_html.emt" : "_txt.emt");
+  fuzz_write_file(name, data, size);
+  char tmpl[REPORT_TEMPLATE_SIZE];
+  report_template_load(base.c_str(), flags, tmpl);
+  fuzz_require(strlen(tmpl) < REPORT_TEMPLATE_SIZE, "template terminated");
+  fuzz_require(strchr(tmpl, '\r') == nullptr, "carriage returns removed");
+  remove(name.c_str());
+
+  const run_figures& run = kRuns[size > 0 ? data[size - 1] % 4 : 0];
+  memset(r.get(), 0, sizeof(report_state));
+  r->state = REPORT_RUNNING;
+  r->job_name = "nightly";
+  r->account_name = "Account of alice";
+  r->user_name = run.user_name;
+  r->dest_path = run.dest;
+  r->failure_message = size % 2 == 0 ? "Access Denied" : nullptr;
+  r->error_list = size % 3 == 0 ? nullptr : errors;
+  r->files_total = 12;
+  r->files_sent = 7;
+  r->files_up_to_date = 4;
+  r->files_failed = 1;
+  r->start_time = run.start;
+  r->stop_time = run.stop;
+  bool whole = report_substitute(r.get(), tmpl, flags);
+  fuzz_require(r->report_length < REPORT_TEXT_SIZE, "length within the text");
+  fuzz_require(strlen(r->report_text) == r->report_length,
+               "length counts the text");
+  fuzz_require(whole == (r->state != REPORT_ABANDONED),
+               "only an overflow stops the composition");
+  return 0;
+}
