@@ -422,11 +422,11 @@ TEST_F(WalkService, IndexSeesWholeSizesAndTimesOutside32Bits) {
                                       {static_cast<time_t>(c.mtime), 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
     ASSERT_EQ(fci_add(fci, folder.c_str(), 0, 0, 0), 0);
-    ASSERT_EQ(fci_add(fci, file.c_str(),
-                      static_cast<uint32_t>(c.recorded_mtime),
-                      static_cast<uint32_t>(c.recorded_size),
-                      static_cast<uint32_t>(c.recorded_size >> 32)),
-              0);
+    ASSERT_EQ(
+        fci_add(fci, file.c_str(), static_cast<uint32_t>(c.recorded_mtime),
+                static_cast<uint32_t>(c.recorded_size),
+                static_cast<uint32_t>(c.recorded_size >> 32)),
+        0);
   }
   fci_close(fci, 77);
   server_.stop();
