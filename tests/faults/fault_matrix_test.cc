@@ -57,6 +57,7 @@ class FaultMatrix : public TempDirTest {
     proxy.arm(kind, request, 300);
     std::string report = svc.back_up(src_);
     requests_ = proxy.requests();
+    EXPECT_EQ(proxy.drops(), kind == fault_kind::none ? 0 : 1);
     // The job's own copy of what it composed: a report whose delivery
     // failed (its request or answer lost) is still there.
     std::string kept = read_file(svc.root + "/rt.job.eml");
