@@ -66,7 +66,7 @@ TEST_F(LargeFile, SparseFileAbove4GiBRoundTrips) {
   make_dirs(dir() + "/src");
   std::string src = dir() + "/src/huge";
   make_sparse(src);
-  EXPECT_EQ(svc.back_up(dir() + "/src"), "sent=1 failed=0\n");
+  EXPECT_EQ(svc.back_up(dir() + "/src"), "sent=1 failed=0\n - None!\n");
 
   run_result r = svc.restore({svc.remote_of(dir() + "/src"), dir() + "/out"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
