@@ -1,6 +1,7 @@
 #include "agent/walk.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -272,8 +273,10 @@ void walk_directory(kfs_session* session, const walk_job* job,
         !child_path(remote_dir, name, remote_child)) {
       continue;
     }
+    // The entry's lstat, through the open directory: the kernel need not
+    // walk the whole path again for every file of a deep tree.
     struct stat st;
-    if (lstat(local_child, &st) != 0 ||
+    if (fstatat(dirfd(dir.get()), name, &st, AT_SYMLINK_NOFOLLOW) != 0 ||
         (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode))) {
       continue;  // links are never followed; devices and pipes not read
     }

@@ -83,6 +83,7 @@ struct fci_context {
   fci_page* cache_slots[FCI_CACHE_PAGES];
   hash_table* cache_table;  // page id -> slot buffer; made by the first read
   FILE* sort_files[FCI_SORT_FILES];
+  char* sort_buffers;   // the sort files' stdio buffers; made by the first add
   uint32_t hits;        // lookups that found an unchanged file
   uint32_t misses;      // lookups that did not
   uint32_t pages_read;  // page fetches from the file (cache misses)
