@@ -20,6 +20,7 @@
 #include <zlib.h>
 
 #include "agent/filters.h"
+#include "bench/sample_data.h"
 #include "lib/scoped.h"
 
 namespace {
@@ -33,86 +34,15 @@ constexpr uint8_t KEY[32] = {1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11,
 enum data_kind { TEXT = 0, RANDOM = 1 };
 const char* const KIND_NAMES[] = {"text", "random"};
 
-// Words drawn with a skew towards the front of the list, with endings,
-// now and then a number, sentences and lines, so that deflate-9 gets about
-// 3:1 out of it, as out of prose.
 std::string make_text(size_t n) {
-  static const char* const WORDS[] = {
-      "the",         "of",         "and",       "to",       "a",
-      "in",          "is",         "it",        "that",     "for",
-      "was",         "on",         "with",      "as",       "by",
-      "at",          "from",       "this",      "file",     "block",
-      "backup",      "server",     "night",     "storage",  "which",
-      "there",       "their",      "would",     "could",    "should",
-      "about",       "after",      "before",    "under",    "between",
-      "through",     "system",     "account",   "report",   "change",
-      "index",       "service",    "people",    "because",  "another",
-      "without",     "question",   "morning",   "remote",   "together",
-      "against",     "several",    "although",  "whatever", "machine",
-      "evening",     "picture",    "summer",    "journey",  "village",
-      "garden",      "history",    "letter",    "mountain", "river",
-      "window",      "number",     "paper",     "power",    "market",
-      "silence",     "kitchen",    "problem",   "answer",   "table",
-      "reason",      "country",    "quickly",   "slowly",   "nothing",
-      "already",     "perhaps",    "year",      "work",     "day",
-      "hand",        "part",       "place",     "case",     "week",
-      "point",       "government", "company",   "group",    "world",
-      "house",       "fact",       "home",      "water",    "room",
-      "mother",      "area",       "money",     "story",    "month",
-      "lot",         "right",      "study",     "book",     "eye",
-      "job",         "word",       "business",  "issue",    "side",
-      "kind",        "head",       "friend",    "father",   "hour",
-      "game",        "line",       "end",       "member",   "law",
-      "car",         "city",       "community", "name",     "president",
-      "team",        "minute",     "idea",      "kid",      "body",
-      "information", "back",       "parent",    "face",     "others",
-      "level",       "office",     "door",      "health",   "person",
-      "art",         "war",        "party",     "result",   "girl",
-      "guy",         "moment",     "air",       "teacher",  "force",
-      "education",   "foot",       "boy",       "age",      "policy",
-      "process",     "music"};
-  static const char* const ENDINGS[] = {"",   "",    "",   "s",
-                                        "ed", "ing", "er", "ly"};
-  constexpr size_t WORD_COUNT = sizeof WORDS / sizeof WORDS[0];
-  std::mt19937 rng(20240611);
   std::string s;
-  s.reserve(n + 64);
-  size_t line = 0;
-  while (s.size() < n) {
-    size_t words = 4 + rng() % 14;
-    for (size_t w = 0; w < words; ++w) {
-      std::string word;
-      if (rng() % 20 == 0) {
-        word = std::to_string(rng() % 10000);
-      } else {
-        // The smaller of two draws: common words come up more often.
-        size_t i = std::min(rng() % WORD_COUNT, rng() % WORD_COUNT);
-        word = std::string(WORDS[i]) + ENDINGS[rng() % 8];
-      }
-      if (w == 0 && word[0] >= 'a') {
-        word[0] = static_cast<char>(word[0] - 'a' + 'A');
-      }
-      s += word;
-      s += w + 1 < words ? (rng() % 9 == 0 ? ", " : " ") : ". ";
-    }
-    if (s.size() - line > 72) {
-      s.back() = '\n';
-      line = s.size();
-    }
-  }
-  s.resize(n);
+  append_text(&s, n, 20240611);
   return s;
 }
 
 std::string make_random(size_t n) {
-  std::mt19937_64 rng(42);
-  std::string s(n, '\0');
-  for (size_t i = 0; i < n; i += 8) {
-    uint64_t v = rng();
-    for (size_t j = 0; j < 8 && i + j < n; ++j) {
-      s[i + j] = static_cast<char>(v >> (8 * j));
-    }
-  }
+  std::string s;
+  append_random(&s, n, 42);
   return s;
 }
 
