@@ -60,6 +60,36 @@ struct deflate_stream_deleter {
 };
 using deflate_stream_ptr = std::unique_ptr<z_stream, deflate_stream_deleter>;
 
+// A level-9 compressor holds about 300 KiB. A backup builds one chain per
+// block, mostly for small files, and allocating that state afresh each time
+// made the C library grow and trim the heap and fault the pages in again
+// for every block. The last closed compressor is kept and reset instead;
+// a reset stream produces exactly what a fresh one would.
+thread_local deflate_stream_ptr spare_deflate;
+
+deflate_stream_ptr take_deflate() {
+  if (spare_deflate != nullptr && deflateReset(spare_deflate.get()) == Z_OK) {
+    return std::move(spare_deflate);
+  }
+  spare_deflate.reset();
+  deflate_stream_ptr z(static_cast<z_stream*>(xzalloc(sizeof(z_stream))));
+  if (deflateInit(z.get(), DEFLATE_LEVEL) != Z_OK) {
+    return nullptr;
+  }
+  return z;
+}
+
+void give_back_deflate(z_stream* z) {
+  if (z == nullptr) {
+    return;
+  }
+  if (spare_deflate == nullptr) {
+    spare_deflate.reset(z);
+  } else {
+    end_deflate(z);
+  }
+}
+
 // Holds an upstream that a failing open must not leak.
 struct chain_deleter {
   void operator()(filter_stream* s) const { filter_chain_free(s); }
@@ -227,7 +257,7 @@ int32_t deflate_read(filter_stream* s, uint8_t* buffer, uint32_t length) {
 
 void deflate_close(filter_stream* s) {
   close_upstream(s);
-  end_deflate(static_cast<z_stream*>(s->engine));
+  give_back_deflate(static_cast<z_stream*>(s->engine));
   s->engine = nullptr;
   free(s->buffer);
   s->buffer = nullptr;
@@ -334,8 +364,8 @@ filter_stream* deflate_filter_open(filter_stream* upstream) {
     return nullptr;
   }
   chain_ptr up(upstream);
-  deflate_stream_ptr z(static_cast<z_stream*>(xzalloc(sizeof(z_stream))));
-  if (deflateInit(z.get(), DEFLATE_LEVEL) != Z_OK) {
+  deflate_stream_ptr z = take_deflate();
+  if (z == nullptr) {
     return nullptr;
   }
   return new_buffered_stage(deflate_read, deflate_close, std::move(up),
