@@ -65,6 +65,14 @@ int kfsd_dispatch(kfsd_request* req, const kfs_message* in) {
       fn = r.fn;
     }
   }
+  // Writes and closes queue behind unfinished ones in order, and an open
+  // waits for them itself when they concern its file; any other request
+  // may look at what they change.
+  bool overlaps = in->type == KFS_FILE_WRITE || in->type == KFS_FILE_CLOSE ||
+                  in->type == KFS_FILE_WOPEN;
+  if (req->conn->finisher != nullptr && !overlaps) {
+    req->conn->finisher->drain();
+  }
   if (fn == nullptr) {
     req->status = ERR_INVARG;
   } else if (in->type != KFS_SESSION_AUTH && !req->conn->authenticated) {
@@ -203,8 +211,10 @@ void kfsd_connection_run(kfsd_server* server, uint64_t id, int sock) {
     return;
   }
   set_receive_timeout(sock, kIdleSeconds);
+  conn.finisher = std::make_unique<kfsd_finisher>(server);
   serve(&conn, cipher);
   kfs_cipher_free(cipher);
+  conn.finisher.reset();  // finishes what the client sent before it left
 
   // Uploads still open stay as they are: incomplete, listed as such, and
   // resumable by a later upload of the same file.

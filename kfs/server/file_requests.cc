@@ -75,29 +75,43 @@ uint32_t block_data(kfsd_handle* h, const uint8_t* data, uint16_t n) {
   return 0;
 }
 
-uint32_t end_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5) {
+// A block's end. Without a reply to wait for, the flush and the recording
+// are left to the connection's finisher.
+uint32_t end_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5,
+                   bool answered) {
   if (!h->in_block) {
     return ERR_BADKEY;
   }
   uint8_t digest[32];
   unsigned int digest_length = 0;
-  // On disk before the database names it, so a crash cannot leave a
-  // block that refers to missing bytes.
-  bool ok = (!conn->server->settings.sync || fdatasync(h->temp.get()) == 0) &&
-            EVP_DigestFinal_ex(h->sha256.get(), digest, &digest_length) == 1;
-  h->temp.reset();
+  bool ok = EVP_DigestFinal_ex(h->sha256.get(), digest, &digest_length) == 1;
   h->in_block = false;
   if (!ok) {
+    h->temp.reset();
     unlink(h->temp_path.c_str());
     return ERR_IO;
   }
+  kfsd_finish_job job;
+  job.version = h->version;
+  job.path = h->path;
+  job.index = static_cast<uint32_t>(h->block);
+  job.has_md5 = md5 != nullptr;
+  if (md5 != nullptr) {
+    memcpy(job.md5, md5, sizeof job.md5);
+  }
+  job.temp = std::move(h->temp);
+  job.temp_path = h->temp_path;
+  job.length = h->length;
   char hex[65];
   for (unsigned i = 0; i < 32; ++i) {
     snprintf(hex + 2 * i, 3, "%02x", digest[i]);
   }
-  return kfsd_store_end_block(&conn->server->store, h->version,
-                              static_cast<uint32_t>(h->block), md5,
-                              h->temp_path, hex, h->length);
+  job.sha256_hex = hex;
+  if (conn->finisher != nullptr && !answered) {
+    conn->finisher->push(std::move(job));
+    return 0;
+  }
+  return kfsd_finish(conn->server, &job);
 }
 
 }  // namespace
@@ -124,6 +138,11 @@ int kfsd_request_wopen(kfsd_request* req) {
     req->status = ERR_ACCESS;
     return KFSD_REPLY;
   }
+  // Other files' uploads may still be finishing; this one's must be done
+  // before its versions are looked at.
+  if (conn->finisher != nullptr && conn->finisher->pending_for(path.full)) {
+    conn->finisher->drain();
+  }
   uint8_t handle = kfsd_free_handle(conn->handles);
   if (attr.size() > kMaxAttr) {
     req->status = ERR_INVARG;
@@ -143,6 +162,7 @@ int kfsd_request_wopen(kfsd_request* req) {
   auto h = std::make_unique<kfsd_handle>();
   h->writing = true;
   h->version = r.version;
+  h->path = path.full;
   h->block_count = r.block_count;
   conn->handles[handle] = std::move(h);
   kfs_put_u8(&req->out, handle);
@@ -172,7 +192,8 @@ int kfsd_request_write(kfsd_request* req) {
   } else if (op == kBlockData) {
     req->status = block_data(h, data, n);
   } else if (op == kEndBlock && (n == 0 || n == 16)) {
-    req->status = end_block(req->conn, h, n == 16 ? data : nullptr);
+    req->status = end_block(req->conn, h, n == 16 ? data : nullptr,
+                            (flags & KFS_WRITE_NO_ACK) == 0);
   } else {
     req->status = ERR_INVARG;
   }
@@ -199,7 +220,15 @@ int kfsd_request_close(kfsd_request* req) {
   kfsd_handle* h = it->second.get();
   kfsd_handle_free(conn, h);  // a block begun but not ended stays missing
   if (h->writing) {
-    kfsd_store_close_upload(&conn->server->store, h->version);
+    kfsd_finish_job job;
+    job.version = h->version;
+    job.path = h->path;
+    job.close = true;
+    if (conn->finisher != nullptr) {
+      conn->finisher->push(std::move(job));
+    } else {
+      kfsd_finish(conn->server, &job);
+    }
   }
   conn->handles.erase(it);
   return KFSD_SILENT;

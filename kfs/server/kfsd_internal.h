@@ -9,11 +9,13 @@
 #include <sys/types.h>
 
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <openssl/evp.h>
@@ -145,9 +147,14 @@ class kfsd_sql {
 
  private:
   sqlite3_stmt* stmt_ = nullptr;
+  const char* sql_;
   int next_ = 1;
   bool failed_ = false;
 };
+
+// Closes a connection whose statements went through kfsd_sql, after
+// finalizing the ones kept for reuse.
+void kfsd_db_close(sqlite3* db);
 
 // A transaction rolled back on destruction unless committed.
 class kfsd_txn {
@@ -290,8 +297,9 @@ void kfsd_log(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 struct kfsd_handle {
   bool writing = false;
-  // Writing: the upload's version and where its blocks stand.
+  // Writing: the upload's version and path, and where its blocks stand.
   int64_t version = 0;
+  std::string path;
   uint32_t block_count = 0;
   int64_t block = -1;  // index named by the last begin block
   bool in_block = false;
@@ -313,6 +321,56 @@ struct kfsd_listing {
   bool wide_names = false;  // str16 names
 };
 
+// The part of an upload that no reply waits for: a block's end (flush the
+// stream file, move it into the store, record it) or a file's close.
+struct kfsd_finish_job {
+  int64_t version = 0;
+  std::string path;    // the file's remote path
+  bool close = false;  // a close; otherwise a block's end
+  uint32_t index = 0;
+  bool has_md5 = false;
+  uint8_t md5[16] = {};
+  unique_fd temp;
+  std::string temp_path;
+  std::string sha256_hex;
+  uint64_t length = 0;
+};
+
+// Runs a job on the calling thread; a block's end answers its status.
+uint32_t kfsd_finish(kfsd_server* server, kfsd_finish_job* job);
+
+// Finishes a connection's unanswered block ends and closes on a thread of
+// its own, in order. The agent goes on to its next file as soon as it has
+// sent a close, so the flush and the bookkeeping of one file overlap its
+// reading and compressing of the next instead of holding up that file's
+// open. Whatever could observe the difference waits for drain() first.
+class kfsd_finisher {
+ public:
+  explicit kfsd_finisher(kfsd_server* server);
+  kfsd_finisher(const kfsd_finisher&) = delete;
+  kfsd_finisher& operator=(const kfsd_finisher&) = delete;
+  ~kfsd_finisher();  // finishes everything queued
+
+  // Queues a job; waits first while the queue is full, so a fast client
+  // cannot pile up open stream files.
+  void push(kfsd_finish_job job);
+  // Returns once every queued job has run.
+  void drain();
+  // Whether a queued or running job concerns that remote path.
+  bool pending_for(const std::string& path);
+
+ private:
+  void run();
+
+  kfsd_server* server_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<kfsd_finish_job> queue_;  // the front one runs while busy_
+  bool busy_ = false;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
 struct kfsd_conn {
   kfsd_server* server = nullptr;
   uint64_t id = 0;
@@ -323,6 +381,9 @@ struct kfsd_conn {
   uint8_t lock_flags = 0;  // bits of the last acquire; no effect here
   std::map<uint8_t, std::unique_ptr<kfsd_handle>> handles;
   std::map<uint8_t, kfsd_listing> listings;
+  // Only connections served over a socket have one; without it the work
+  // is done in the request (as the fuzz targets drive the handlers).
+  std::unique_ptr<kfsd_finisher> finisher;
 };
 
 // What the dispatcher does after a handler.

@@ -1,22 +1,95 @@
 // Statements and transactions over the store's one SQLite connection.
 #include <sqlite3.h>
 
+#include <map>
+#include <mutex>
+#include <utility>
+#include <vector>
+
 #include "kfs/server/kfsd_internal.h"
 
 namespace {
 
+// Prepared statements kept for reuse, by connection and statement text (the
+// texts are literals, so the pointer names them). An upload runs a dozen
+// statements per file, and compiling them again each time was a tenth of
+// the server's work. A statement in use is taken out, so two live queries
+// with the same text each get their own.
+struct statement_cache {
+  std::mutex mutex;
+  std::map<std::pair<sqlite3*, const char*>, std::vector<sqlite3_stmt*>> idle;
+};
+
+statement_cache& cache() {
+  static statement_cache* c = new statement_cache;  // outlives every user
+  return *c;
+}
+
+sqlite3_stmt* take_statement(sqlite3* db, const char* sql) {
+  {
+    statement_cache& c = cache();
+    std::lock_guard<std::mutex> hold(c.mutex);
+    auto it = c.idle.find({db, sql});
+    if (it != c.idle.end() && !it->second.empty()) {
+      sqlite3_stmt* stmt = it->second.back();
+      it->second.pop_back();
+      return stmt;
+    }
+  }
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt,
+                         nullptr) != SQLITE_OK) {
+    sqlite3_finalize(stmt);
+    return nullptr;
+  }
+  return stmt;
+}
+
+void give_back_statement(sqlite3_stmt* stmt, const char* sql) {
+  if (stmt == nullptr) {
+    return;
+  }
+  sqlite3_reset(stmt);
+  sqlite3_clear_bindings(stmt);
+  statement_cache& c = cache();
+  std::lock_guard<std::mutex> hold(c.mutex);
+  c.idle[{sqlite3_db_handle(stmt), sql}].push_back(stmt);
+}
+
 bool exec(sqlite3* db, const char* sql) {
-  return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+  return kfsd_sql(db, sql).run();
 }
 
 }  // namespace
 
-kfsd_sql::kfsd_sql(sqlite3* db, const char* sql) {
-  failed_ = sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK;
+kfsd_sql::kfsd_sql(sqlite3* db, const char* sql) : sql_(sql) {
+  stmt_ = take_statement(db, sql);
+  failed_ = stmt_ == nullptr;
 }
 
 kfsd_sql::~kfsd_sql() {
-  sqlite3_finalize(stmt_);
+  give_back_statement(stmt_, sql_);
+}
+
+void kfsd_db_close(sqlite3* db) {
+  if (db == nullptr) {
+    return;
+  }
+  {
+    statement_cache& c = cache();
+    std::lock_guard<std::mutex> hold(c.mutex);
+    for (auto it = c.idle.begin(); it != c.idle.end();) {
+      if (it->first.first == db) {
+        for (sqlite3_stmt* stmt : it->second) {
+          sqlite3_finalize(stmt);
+        }
+        it = c.idle.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  sqlite3_close(db);
 }
 
 kfsd_sql& kfsd_sql::bind(int64_t v) {

@@ -51,7 +51,7 @@ sqlite3* open_db(const std::string& path, int flags, std::string* error) {
   if (sqlite3_open_v2(path.c_str(), &db, flags | SQLITE_OPEN_FULLMUTEX,
                       nullptr) != SQLITE_OK) {
     *error = path + ": " + (db ? sqlite3_errmsg(db) : "cannot open");
-    sqlite3_close(db);
+    kfsd_db_close(db);
     return nullptr;
   }
   // Another process (kfsd user add) may write while the server runs.
@@ -60,7 +60,7 @@ sqlite3* open_db(const std::string& path, int flags, std::string* error) {
   // crash of the server, which is what the store promises.
   if (!exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;")) {
     *error = path + ": " + sqlite3_errmsg(db);
-    sqlite3_close(db);
+    kfsd_db_close(db);
     return nullptr;
   }
   return db;
@@ -127,7 +127,7 @@ int kfsd_store_create(const std::string& dir, std::string* error) {
   if (!ok) {
     *error = path + ": " + sqlite3_errmsg(db);
   }
-  sqlite3_close(db);
+  kfsd_db_close(db);
   return ok ? 0 : -1;
 }
 
@@ -152,7 +152,7 @@ int kfsd_store_open(const std::string& dir, kfsd_store* store,
   }
   if (format != kFormat) {
     *error = path + ": not a kfsd database, or damaged";
-    sqlite3_close(db);
+    kfsd_db_close(db);
     return -1;
   }
   store->dir = dir;
@@ -161,7 +161,7 @@ int kfsd_store_open(const std::string& dir, kfsd_store* store,
 }
 
 void kfsd_store_close(kfsd_store* store) {
-  sqlite3_close(store->db);
+  kfsd_db_close(store->db);
   store->db = nullptr;
 }
 

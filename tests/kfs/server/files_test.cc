@@ -2,6 +2,7 @@
 // uploads with skipping by digest and resumption, listings with
 // continuation, reading back, and hostile traffic.
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -300,6 +301,39 @@ TEST_F(Files, UploadSkipsKnownBlocksAndReadsBack) {
   EXPECT_EQ(blocks[0], stream[0]);
   EXPECT_EQ(blocks[1], stream[1]);
   EXPECT_EQ(blocks[2], text("C2"));
+}
+
+// Block ends and closes get no reply, so the server may finish them after
+// it has answered later requests. Nothing a client can ask may tell.
+TEST_F(Files, UnansweredEndsAndClosesAreFinishedBeforeAnyoneLooks) {
+  constexpr int kFiles = 40;  // more than the server queues at once
+  auto path_of = [](int i) { return "/7/q" + std::to_string(i); };
+  for (int i = 0; i < kFiles; ++i) {
+    opened r = wopen(path_of(i), 1000, 10);
+    ASSERT_EQ(r.status, 0) << path_of(i);
+    send_block(r.handle, Bytes(10, static_cast<uint8_t>(i)), {});
+    close(r.handle);
+    if (i % 10 == 0) {
+      // The same file again at once: the open sees the close.
+      EXPECT_EQ(wopen(path_of(i), 1000, 10).status, ERR_UP2DATE) << i;
+    }
+  }
+  // Gone without waiting for anything: what it sent is finished before
+  // its lock passes to the next connection.
+  c_.disconnect();
+  ASSERT_TRUE(c_.connect(port()));
+  ASSERT_EQ(c_.login(7, kKey7), 0);
+  int locked = -1;
+  for (int tries = 0; tries < 500 && locked != 0; ++tries) {
+    locked = c_.lock(7);
+    if (locked != 0) {
+      usleep(10000);
+    }
+  }
+  ASSERT_EQ(locked, 0);
+  for (int i = 0; i < kFiles; ++i) {
+    EXPECT_EQ(wopen(path_of(i), 1000, 10).status, ERR_UP2DATE) << i;
+  }
 }
 
 uint32_t crc_of(const Bytes& plain) {
