@@ -9,6 +9,9 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <memory>
+#include <utility>
+
 #include "kfs/client/kfs.h"
 #include "kfs/server/kfsd_internal.h"
 #include "lib/alloc.h"
@@ -211,7 +214,11 @@ void kfsd_connection_run(kfsd_server* server, uint64_t id, int sock) {
     return;
   }
   set_receive_timeout(sock, kIdleSeconds);
-  conn.finisher = std::make_unique<kfsd_finisher>(server);
+  // Without a thread to be had, the connection finishes its writes itself.
+  auto finisher = std::make_unique<kfsd_finisher>(server);
+  if (finisher->start()) {
+    conn.finisher = std::move(finisher);
+  }
   serve(&conn, cipher);
   kfs_cipher_free(cipher);
   conn.finisher.reset();  // finishes what the client sent before it left

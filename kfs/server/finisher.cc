@@ -31,16 +31,26 @@ uint32_t kfsd_finish(kfsd_server* server, kfsd_finish_job* job) {
                               job->sha256_hex, job->length);
 }
 
-kfsd_finisher::kfsd_finisher(kfsd_server* server)
-    : server_(server), thread_(&kfsd_finisher::run, this) {}
+bool kfsd_finisher::start() {
+  started_ = pthread_create(&thread_, nullptr, thread_main, this) == 0;
+  return started_;
+}
+
+void* kfsd_finisher::thread_main(void* self) {
+  static_cast<kfsd_finisher*>(self)->run();
+  return nullptr;
+}
 
 kfsd_finisher::~kfsd_finisher() {
+  if (!started_) {
+    return;
+  }
   {
     std::lock_guard<std::mutex> hold(mutex_);
     stopping_ = true;
   }
   changed_.notify_all();
-  thread_.join();
+  pthread_join(thread_, nullptr);
 }
 
 void kfsd_finisher::push(kfsd_finish_job job) {

@@ -5,6 +5,7 @@
 // function takes the store's mutex itself, so each is one atomic step.
 #pragma once
 
+#include <pthread.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -15,7 +16,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include <openssl/evp.h>
@@ -346,10 +346,13 @@ uint32_t kfsd_finish(kfsd_server* server, kfsd_finish_job* job);
 // open. Whatever could observe the difference waits for drain() first.
 class kfsd_finisher {
  public:
-  explicit kfsd_finisher(kfsd_server* server);
+  explicit kfsd_finisher(kfsd_server* server) : server_(server) {}
   kfsd_finisher(const kfsd_finisher&) = delete;
   kfsd_finisher& operator=(const kfsd_finisher&) = delete;
   ~kfsd_finisher();  // finishes everything queued
+
+  // Starts the thread; false when none can be had.
+  bool start();
 
   // Queues a job; waits first while the queue is full, so a fast client
   // cannot pile up open stream files.
@@ -360,6 +363,7 @@ class kfsd_finisher {
   bool pending_for(const std::string& path);
 
  private:
+  static void* thread_main(void* self);
   void run();
 
   kfsd_server* server_;
@@ -368,7 +372,8 @@ class kfsd_finisher {
   std::deque<kfsd_finish_job> queue_;  // the front one runs while busy_
   bool busy_ = false;
   bool stopping_ = false;
-  std::thread thread_;
+  bool started_ = false;
+  pthread_t thread_{};
 };
 
 struct kfsd_conn {
