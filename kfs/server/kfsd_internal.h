@@ -369,8 +369,7 @@ class kfsd_finisher {
   kfsd_server* server_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<kfsd_finish_job> queue_;  // the front one runs while busy_
-  bool busy_ = false;
+  std::deque<kfsd_finish_job> queue_;  // the front one may be running
   bool stopping_ = false;
   bool started_ = false;
   pthread_t thread_{};
