@@ -75,8 +75,16 @@ uint32_t block_data(kfsd_handle* h, const uint8_t* data, uint16_t n) {
   return 0;
 }
 
-// A block's end. Without a reply to wait for, the flush and the recording
-// are left to the connection's finisher.
+// Work that no reply waits for goes to the connection's finisher, when it
+// has one; the rest is done now and answers its status.
+uint32_t finish_or_queue(kfsd_conn* conn, kfsd_finish_job job, bool answered) {
+  if (conn->finisher != nullptr && !answered) {
+    conn->finisher->push(std::move(job));
+    return 0;
+  }
+  return kfsd_finish(conn->server, &job);
+}
+
 uint32_t end_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5,
                    bool answered) {
   if (!h->in_block) {
@@ -107,11 +115,7 @@ uint32_t end_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5,
     snprintf(hex + 2 * i, 3, "%02x", digest[i]);
   }
   job.sha256_hex = hex;
-  if (conn->finisher != nullptr && !answered) {
-    conn->finisher->push(std::move(job));
-    return 0;
-  }
-  return kfsd_finish(conn->server, &job);
+  return finish_or_queue(conn, std::move(job), answered);
 }
 
 }  // namespace
@@ -224,11 +228,7 @@ int kfsd_request_close(kfsd_request* req) {
     job.version = h->version;
     job.path = h->path;
     job.close = true;
-    if (conn->finisher != nullptr) {
-      conn->finisher->push(std::move(job));
-    } else {
-      kfsd_finish(conn->server, &job);
-    }
+    finish_or_queue(conn, std::move(job), false);  // a close is never answered
   }
   conn->handles.erase(it);
   return KFSD_SILENT;

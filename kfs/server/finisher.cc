@@ -88,9 +88,9 @@ void kfsd_finisher::run() {
     hold.unlock();
     uint32_t status = kfsd_finish(server_, &job);
     if (status != 0 && server_->settings.verbose) {
-      kfsd_log("%s of %s block %u -> %s (no reply)",
-               job.close ? "close" : "end", job.path.c_str(), job.index,
-               kfs_err_name(status));
+      // Only a block's end can fail; a close leaves an incomplete upload.
+      kfsd_log("end of %s block %u -> %s (no reply)", job.path.c_str(),
+               job.index, kfs_err_name(status));
     }
     hold.lock();
     queue_.pop_front();
