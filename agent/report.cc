@@ -1,8 +1,10 @@
 #include "agent/report.h"
 
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include "agent/job.h"
 #include "agent/report_internal.h"
@@ -55,10 +57,16 @@ void keep_message(file_ptr* kept, const char* address) {
     return;
   }
   if (!*kept) {
-    kept->reset(fopen(report.report_path, "wb"));
+    // It names the account, the user and the files that failed: for the
+    // owner's eyes only, also when an older copy is overwritten.
+    unique_fd fd(open(report.report_path, O_WRONLY | O_CREAT | O_TRUNC, 0600));
+    if (fd && fchmod(fd.get(), 0600) == 0) {
+      kept->reset(fdopen(fd.get(), "wb"));
+    }
     if (!*kept) {
       return;  // the copy on the box is a courtesy; the report goes on
     }
+    fd.release();  // the stream owns it now
   }
   FILE* f = kept->get();
   fprintf(f, "To: %s\n\n", address);

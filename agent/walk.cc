@@ -263,6 +263,11 @@ void walk_directory(kfs_session* session, const walk_job* job,
     fetch_listing(session, remote_dir, &listing);
   }
 
+  // A folder named with a trailing '\' gets no separator, so its children's
+  // paths name something else: they are judged by that path, the one the
+  // backup would open, not by the entry itself.
+  size_t dir_len = strlen(local_dir);
+  bool stat_by_path = dir_len > 0 && local_dir[dir_len - 1] == '\\';
   char local_child[PATH_SIZE];
   char remote_child[PATH_SIZE];
   for (; entry != nullptr; entry = readdir(dir.get())) {
@@ -273,11 +278,13 @@ void walk_directory(kfs_session* session, const walk_job* job,
         !child_path(remote_dir, name, remote_child)) {
       continue;
     }
-    // The entry's lstat, through the open directory: the kernel need not
-    // walk the whole path again for every file of a deep tree.
+    // Otherwise the entry's lstat, through the open directory: the kernel
+    // need not walk the whole path again for every file of a deep tree.
     struct stat st;
-    if (fstatat(dirfd(dir.get()), name, &st, AT_SYMLINK_NOFOLLOW) != 0 ||
-        (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode))) {
+    int stat_rc = stat_by_path ? lstat(local_child, &st)
+                               : fstatat(dirfd(dir.get()), name, &st,
+                                         AT_SYMLINK_NOFOLLOW);
+    if (stat_rc != 0 || (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode))) {
       continue;  // links are never followed; devices and pipes not read
     }
     auto remote = listing.empty() ? listing.end() : listing.find(name);

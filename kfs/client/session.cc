@@ -57,6 +57,16 @@ void restore(kfs_session* s, const saved_message& kept) {
   s->message.buffer[5] = status;
 }
 
+// Receives a reply into the record. The session's sequence stays what it
+// was: a reply's number is compared by the caller, never sent back.
+uint32_t receive_reply(kfs_session* s, uint16_t* reply_sequence) {
+  uint16_t own = s->message.sequence;
+  uint32_t rc = kfs_packet_recv(s->socket, s->cipher, &s->message);
+  *reply_sequence = s->message.sequence;
+  s->message.sequence = own;
+  return rc;
+}
+
 }  // namespace
 
 bool kfs_read_server_list(const char* path, const char* mode,
@@ -171,14 +181,14 @@ uint32_t exchange_keys(kfs_session* s) {
   }
 
   s->cipher = kfs_cipher_new(s->encryption_mode, half, 0);
-  if (kfs_packet_recv(s->socket, s->cipher, &s->message) != 0) {
+  uint16_t sequence = 0;
+  if (receive_reply(s, &sequence) != 0) {
     OPENSSL_cleanse(half, sizeof half);
     return ERR_SCKREAD;
   }
   const kfs_message& reply = s->message;
   if (reply.type != KFS_SESSION_HANDSHAKE + KFS_RESPONSE ||
-      reply.data_length != kHalfKey || reply.sequence != 0 ||
-      reply.status != 0) {
+      reply.data_length != kHalfKey || sequence != 0 || reply.status != 0) {
     OPENSSL_cleanse(half, sizeof half);
     return ERR_ACCESS;
   }
@@ -422,8 +432,11 @@ uint32_t kfs_connect_any(kfs_session* s) {
   return 0;
 }
 
-uint32_t kfs_connect(kfs_session* s, const char* host, uint32_t port) {
-  kfs_session_disconnect(s);
+namespace {
+
+// kfs_connect up to the staged request's reply; the caller disconnects
+// when this fails.
+uint32_t connect_and_send(kfs_session* s, const char* host, uint32_t port) {
   saved_message staged = save(s->message);
   // host may point into the server table; copy before anything else.
   snprintf(s->host, sizeof s->host, "%s", host);
@@ -442,24 +455,39 @@ uint32_t kfs_connect(kfs_session* s, const char* host, uint32_t port) {
   if (rc != 0) {
     return rc;
   }
-  if (s->socket < 0 || sock_is_idle(s->socket) == 0) {
+  if (sock_is_idle(s->socket) == 0) {
     return ERR_SCKWRITE;
   }
   rc = kfs_packet_send(s->socket, s->cipher, &s->message);
   if (rc != 0) {
     return rc;
   }
+  uint16_t sequence = 0;
   if ((s->message.flags & KFS_FLAG_EXPECTS_RESPONSE) != 0 &&
-      kfs_packet_recv(s->socket, s->cipher, &s->message) != 0) {
+      receive_reply(s, &sequence) != 0) {
     return ERR_SCKREAD;
   }
   return 0;
 }
 
+}  // namespace
+
+uint32_t kfs_connect(kfs_session* s, const char* host, uint32_t port) {
+  kfs_session_disconnect(s);
+  uint32_t rc = connect_and_send(s, host, port);
+  if (rc != 0) {
+    // Half a connection (a socket without a keyed cipher, or one whose
+    // login went astray) is worth nothing: the next request starts afresh.
+    kfs_session_disconnect(s);
+  }
+  return rc;
+}
+
 uint32_t kfs_transact(kfs_session* s) {
   uint8_t type = s->message.type;
   uint16_t sequence = s->message.sequence;
-  bool sent = s->socket >= 0 && sock_is_idle(s->socket) == 1 &&
+  bool sent = s->socket >= 0 && s->cipher != nullptr &&
+              sock_is_idle(s->socket) == 1 &&
               kfs_packet_send(s->socket, s->cipher, &s->message) == 0;
   if (!sent) {
     // The connection is gone (or never was): log in again, then resend.
@@ -482,11 +510,12 @@ uint32_t kfs_transact(kfs_session* s) {
   if ((s->message.flags & KFS_FLAG_EXPECTS_RESPONSE) == 0) {
     return 0;
   }
-  if (kfs_packet_recv(s->socket, s->cipher, &s->message) != 0) {
+  uint16_t reply_sequence = 0;
+  if (receive_reply(s, &reply_sequence) != 0) {
     return ERR_SCKREAD;
   }
   if (s->message.type != static_cast<uint8_t>(type + KFS_RESPONSE) ||
-      s->message.sequence != sequence) {
+      reply_sequence != sequence) {
     return ERR_SEQUENCE;
   }
   return 0;

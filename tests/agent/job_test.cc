@@ -15,6 +15,7 @@
 
 #include "kfs/client/kfs.h"
 #include "tests/support/kfsd_process.h"
+#include "tests/support/scripted_server.h"
 #include "tests/support/test_support.h"
 
 namespace {
@@ -146,6 +147,9 @@ TEST_F(Job, BacksUpThenSendsOnlyWhatChanged) {
             "job=nightly requested=4 sent=4 same=0 failed=0\n - None!\n");
   EXPECT_TRUE(path_exists(root_ + "/etc/nightly.job.fci"));
   EXPECT_TRUE(path_exists(root_ + "/etc/nightly.job.ts"));
+  struct stat kept;  // the report's copy names the account: owner only
+  ASSERT_EQ(stat((root_ + "/nightly.job.eml").c_str(), &kept), 0);
+  EXPECT_EQ(kept.st_mode & 0777, 0600u);
   EXPECT_FALSE(path_exists(root_ + "/#FCISORT#"));
 
   std::map<std::string, int64_t> held;
@@ -217,6 +221,51 @@ TEST_F(Job, UserHeldByAnotherRunGivesUpAfterThirteenAttempts) {
   EXPECT_EQ(report_count(), 0u);  // failure reports are never mailed
   EXPECT_FALSE(path_exists(root_ + "/etc/nightly.job.ts"));
   EXPECT_FALSE(path_exists(root_ + "/etc/nightly.job.fci"));
+}
+
+// The agent against a server that misbehaves once in a run: it never
+// crashes, every request it sends is well formed, no upload it opens is
+// closed without a block, and the run still ends with its release.
+TEST_F(Job, AgainstAServerThatMisbehaves) {
+  make_tree(src_);
+  // A folder whose name ends in '\\': its children's paths name nothing.
+  make_dirs(src_ + "/odd\\");
+  write_file(src_ + "/odd\\/inside", "never opened");
+  using fault = script_fault;
+  const struct {
+    const char* name;
+    std::vector<script_step> script;
+  } rows[] = {
+      {"well behaved", {}},
+      {"a reply with sequence 9", {{fault::reply_sequence, 3, 9}}},
+      {"dropped, then a damaged key",
+       {{fault::reply_drop, 8}, {fault::key_damaged, 1}}},
+      {"bad checksum", {{fault::reply_bad_crc, 7}}},
+      {"stray bytes after a reply", {{fault::reply_trailing, 9, 4}}},
+      {"an error status", {{fault::reply_status, 20, ERR_IO}}},
+      {"a reply of the wrong type", {{fault::reply_type, 49, 0x80}}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    scripted_server server;
+    ASSERT_TRUE(server.start(row.script));
+    write_file(root_ + "/etc/hosts",
+               "127.0.0.1:" + std::to_string(server.port()) + "\n");
+    run_result r = run_agent();
+    server.stop();
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(server.malformed(), "");
+    std::vector<seen_request> seen = server.requests();
+    std::string types;
+    for (size_t i = 0; i < seen.size(); ++i) {
+      types += std::to_string(seen[i].type) + " ";
+      EXPECT_FALSE(i > 0 && seen[i - 1].type == KFS_FILE_WOPEN &&
+                   seen[i].type == KFS_FILE_CLOSE)
+          << "an upload closed empty at request " << i;
+    }
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ(seen.back().type, KFS_USER_LOCK) << types;  // the release
+  }
 }
 
 }  // namespace
