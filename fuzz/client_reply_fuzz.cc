@@ -1,24 +1,22 @@
-// The client's reply parsers on any body. The input's first byte picks a
-// request; the rest is the body of its reply. The login reply is decoded
-// straight from the session's record (reaching it through the RSA key
-// exchange would fuzz OpenSSL, not us). Every other request runs through
-// the real kfs_transact over a socket pair with a fixed-key AES cipher: a
-// responder thread reads the request and answers one valid packet (right
-// length and checksum, enciphered, type + 128, the request's sequence,
-// status 0) whose body is the input, so every byte reaches the parser.
+// The client against a server that answers what the input says. The input
+// is a list of steps, each [request][fault][u16 length][reply body]: the
+// client sends the step's request on one session, and the scripted server
+// answers it with that body, after the step's fault (another type, sequence
+// or status, a bad checksum, stray bytes, a dropped link, or a broken key
+// exchange on the next connection), so replies, re-connections and logins
+// follow one another as a bad peer could make them. Every request the
+// client sends must stay well formed. A first step that picks a login is
+// decoded straight from the session's record instead (reaching it through
+// the RSA key exchange would fuzz OpenSSL, not us).
 //
-// Nothing reconnects: the sleep hook returns at once and the session's
-// server list does not exist, so a broken exchange fails without waiting
-// and without a connection attempt.
-#include <pthread.h>
+// Nothing waits: the sleep hook returns at once.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <vector>
 
 #include "fuzz/fuzz_support.h"
 #include "fuzz/seed_formats.h"
@@ -26,35 +24,9 @@
 #include "kfs/client/kfs_internal.h"
 #include "lib/scoped.h"
 #include "lib/str_list.h"
+#include "tests/support/scripted_server.h"
 
 namespace {
-
-struct responder {
-  int sock;
-  kfs_packet_cipher* cipher;
-  kfs_message* message;
-  const uint8_t* body;
-  uint32_t body_length;
-  bool answered;
-};
-
-// Reads one request and answers it with the input as the reply's body.
-void* respond(void* arg) {
-  auto* r = static_cast<responder*>(arg);
-  kfs_message* m = r->message;
-  if (kfs_packet_recv(r->sock, r->cipher, m) != 0) {
-    return nullptr;  // the request was refused before it was sent
-  }
-  uint8_t type = m->type;
-  uint16_t sequence = m->sequence;
-  memcpy(m->buffer, r->body, r->body_length);
-  m->sequence = sequence;
-  m->status = 0;
-  kfs_request_finish(m, static_cast<uint8_t>(type + KFS_RESPONSE),
-                     r->body_length);
-  r->answered = kfs_packet_send(r->sock, r->cipher, m) == 0;
-  return nullptr;
-}
 
 void check_find(uint32_t rc, kfs_find_args* a, bool long_names) {
   if (rc == 0) {
@@ -162,24 +134,6 @@ void run_request(kfs_session* s, uint8_t pick) {
   }
 }
 
-void exchange(kfs_session* s, kfs_packet_cipher* server_cipher,
-              kfs_message* server_message, uint8_t pick, const uint8_t* body,
-              uint32_t body_length) {
-  int pair[2];
-  fuzz_require(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0, "socketpair");
-  s->socket = pair[0];
-  responder r = {pair[1], server_cipher, server_message,
-                 body,    body_length,   false};
-  pthread_t thread;
-  fuzz_require(pthread_create(&thread, nullptr, respond, &r) == 0, "thread");
-  run_request(s, pick);
-  // Ends a responder still waiting for a request that was never sent.
-  shutdown(s->socket, SHUT_RDWR);
-  pthread_join(thread, nullptr);
-  close(pair[1]);
-  kfs_session_disconnect(s);  // closes pair[0] and frees the cipher
-}
-
 void decode_login(kfs_session* s, uint8_t mode, const uint8_t* body,
                   uint32_t body_length) {
   s->auth_mode = mode;
@@ -201,41 +155,83 @@ void decode_login(kfs_session* s, uint8_t mode, const uint8_t* body,
   }
 }
 
+// The script for the steps: step k answers request k + 1, the first login
+// being request 0, so a step after a re-connection lands on its login.
+std::vector<script_step> script_of(const uint8_t* data, size_t size,
+                                   std::vector<uint8_t>* picks) {
+  std::vector<script_step> script;
+  for (size_t at = 0; size - at >= 4 && picks->size() < 8;) {
+    uint8_t fault = data[at + 1];
+    size_t n = std::min<size_t>(
+        {get_be16(data + at + 2), size - at - 4, KFS_MAX_BODY});
+    int request = static_cast<int>(picks->size()) + 1;
+    picks->push_back(data[at] % FUZZ_PICK_COUNT);
+    script.push_back({script_fault::reply_body, request, 0,
+                      std::string(data + at + 4, data + at + 4 + n)});
+    // The fault byte's last decimal digit picks the fault, the rest its
+    // value; a broken key exchange is kept for the next connection.
+    using f = script_fault;
+    constexpr script_fault kFaults[10] = {
+        f::none,          f::reply_type,     f::reply_sequence, f::reply_status,
+        f::reply_bad_crc, f::reply_trailing, f::reply_drop,     f::key_damaged,
+        f::hello_short,   f::key_padded};
+    script_fault kind = kFaults[fault % 10];
+    uint32_t value = kind == f::reply_type   ? fault
+                     : kind == f::key_padded ? 512u
+                                             : fault / 10u + 1;
+    bool opening = kind >= f::key_damaged && kind <= f::hello_status;
+    if (kind != f::none) {
+      script.push_back({kind, opening ? 1 : request, value});
+    }
+    at += 4 + std::min<size_t>(get_be16(data + at + 2), size - at - 4);
+  }
+  return script;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const std::string missing_list = fuzz_scratch_dir() + "/no-such-hosts";
+  static const std::string hosts = fuzz_scratch_dir() + "/hosts";
+  static const std::string pem = fuzz_scratch_dir() + "/temp_pem_file.pem";
   static malloc_ptr<kfs_session> session(
       static_cast<kfs_session*>(calloc(1, sizeof(kfs_session))));
-  static kfs_packet_cipher* server_cipher =
-      kfs_cipher_new(KFS_MODE_AES, FUZZ_PACKET_KEY, 0);
-  static malloc_ptr<kfs_message> server_message(
-      static_cast<kfs_message*>(calloc(1, sizeof(kfs_message))));
-  if (size == 0) {
+  static bool library = kfs_library_init() == 0;
+  fuzz_require(library, "client library");
+  std::vector<uint8_t> picks;
+  std::vector<script_step> script = script_of(data, size, &picks);
+  if (picks.empty()) {
     return 0;
   }
-  uint8_t pick = data[0] % FUZZ_PICK_COUNT;
-  const uint8_t* body = data + 1;
-  uint32_t body_length =
-      static_cast<uint32_t>(std::min<size_t>(size - 1, KFS_MAX_BODY));
 
   kfs_session* s = session.get();
   kfs_session_init(s);
   snprintf(s->server_list_path, sizeof s->server_list_path, "%s",
-           missing_list.c_str());
-  s->last_servers_path[0] = '\0';  // the login reply must write no file
-  s->first_connect = 0;
+           hosts.c_str());
+  snprintf(s->pem_path, sizeof s->pem_path, "%s", pem.c_str());
+  s->last_servers_path[0] = '\0';  // a login reply must write no file
+  s->auth_mode = AUTH_MODE_AGENT;
   s->encryption_mode = KFS_MODE_AES;
   s->user_id = FUZZ_USER_ID;
   snprintf(s->user_name, sizeof s->user_name, "%s", "fuzz");
 
-  if (pick == FUZZ_PICK_LOGIN_AGENT || pick == FUZZ_PICK_LOGIN_USER) {
+  if (picks[0] == FUZZ_PICK_LOGIN_AGENT || picks[0] == FUZZ_PICK_LOGIN_USER) {
+    const std::string& body = script[0].body;
     decode_login(
-        s, pick == FUZZ_PICK_LOGIN_AGENT ? AUTH_MODE_AGENT : AUTH_MODE_USER,
-        body, body_length);
+        s, picks[0] == FUZZ_PICK_LOGIN_AGENT ? AUTH_MODE_AGENT : AUTH_MODE_USER,
+        reinterpret_cast<const uint8_t*>(body.data()),
+        static_cast<uint32_t>(body.size()));
     return 0;
   }
-  s->cipher = kfs_cipher_new(KFS_MODE_AES, FUZZ_PACKET_KEY, 0);
-  exchange(s, server_cipher, server_message.get(), pick, body, body_length);
+  scripted_server server;
+  fuzz_require(server.start(script), "the scripted server");
+  std::string line = "127.0.0.1:" + std::to_string(server.port()) + "\n";
+  fuzz_write_file(hosts, reinterpret_cast<const uint8_t*>(line.data()),
+                  line.size());
+  for (uint8_t pick : picks) {
+    run_request(s, pick);
+  }
+  kfs_session_disconnect(s);
+  server.stop();
+  fuzz_require(server.malformed().empty(), "every request well formed");
   return 0;
 }

@@ -458,8 +458,3 @@ void kfsd_fixture_end(kfsd_fixture* f) {
   kfsd_store_sweep(&store);
   f->changes_mark = sqlite3_total_changes(store.db);
 }
-
-const uint8_t* kfsd_fixture_reply(kfsd_fixture* f, uint32_t* length) {
-  *length = f->out->data_length;
-  return f->out->buffer;
-}

@@ -49,6 +49,3 @@ int kfsd_fixture_run(kfsd_fixture* f, uint8_t type, const uint8_t* body,
 // released), checks that no stream is still pinned by it and no partial
 // stream is left in tmp/, then restores the store if anything changed.
 void kfsd_fixture_end(kfsd_fixture* f);
-
-// The reply body of the last kfsd_fixture_run, for the seed generator.
-const uint8_t* kfsd_fixture_reply(kfsd_fixture* f, uint32_t* length);

@@ -1,7 +1,7 @@
-// fuzz/seed_formats.h: what the targets and the seed generator agree on:
-// the paths and attributes of the seed indexes (the index target looks
-// them up, so its fixed lookups hit) and the request numbers of the
-// client reply target.
+// fuzz/seed_formats.h: what the targets and their committed seeds agree
+// on: the paths and attributes the seed indexes hold (the index target
+// looks them up, so its fixed lookups hit) and the request numbers of the
+// client reply target. Changing a value here leaves those seeds behind.
 #pragma once
 
 #include <stddef.h>

@@ -275,8 +275,12 @@ void scripted_server::serve(int sock, int connection) {
     uint16_t sequence = 0;
     uint8_t status = 0;
     std::string reply = usual_body(in->type, body);
+    if (const script_step* b =
+            step(script_fault::reply_body, script_fault::reply_body, n)) {
+      reply = b->body;
+    }
     const script_step* s =
-        step(script_fault::reply_type, script_fault::reply_body, n);
+        step(script_fault::reply_type, script_fault::reply_drop, n);
     script_fault f = s != nullptr ? s->fault : script_fault::none;
     uint8_t value = s != nullptr ? static_cast<uint8_t>(s->value) : 0;
     if (f == script_fault::reply_drop) {
@@ -288,8 +292,6 @@ void scripted_server::serve(int sock, int connection) {
       sequence = static_cast<uint16_t>(s->value);
     } else if (f == script_fault::reply_status) {
       status = value;
-    } else if (f == script_fault::reply_body) {
-      reply = s->body;
     }
     bool bad_crc = f == script_fault::reply_bad_crc;
     std::string bytes =

@@ -32,7 +32,8 @@ enum class script_fault {
   reply_bad_crc,   // the checksum does not match
   reply_trailing,  // `value` stray bytes follow the reply
   reply_drop,      // no reply: the connection is closed
-  reply_body,      // `body` instead of the usual body
+  // Besides any of the above:
+  reply_body,  // `body` instead of the usual body
 };
 
 struct script_step {
