@@ -148,8 +148,11 @@ void upload_baseline(kfsd_fixture* f) {
   // Pinned for good: a stream of the set-up must survive an iteration that
   // replaces the file, since the restored database names it again.
   fuzz_require(kfsd_store_ropen(&f->server.store, path, &f->file) == 0 &&
-                   f->file.streams.size() == 2,
+                   f->file.blocks.size() == 2,
                "the complete file");
+  // Iterations append to packs of their own, which the restore after each
+  // one removes; the set-up's pack is never written again.
+  f->server.store.pack_fd.reset();
 }
 
 void make_listing(kfsd_fixture* f) {
@@ -185,8 +188,8 @@ int count_entries(const std::string& dir) {
 
 void add_pins(kfsd_fixture* f, int delta) {
   std::lock_guard<std::mutex> hold(f->server.store.mutex);
-  for (const std::string& s : f->file.streams) {
-    f->server.store.pinned[s] += delta;
+  for (const kfsd_stream_loc& loc : f->file.blocks) {
+    f->server.store.pinned[loc.hex] += delta;
   }
 }
 
@@ -298,6 +301,9 @@ kfsd_fixture* kfsd_fixture_get() {
     s.sync = false;  // nothing here needs to survive a power cut
     fuzz_require(kfsd_store_open(dir, &f->server.store, &error) == 0,
                  "opening the store");
+    // Not started: every write job runs in its request, as the fuzzer
+    // needs to see its effect at once.
+    f->server.writer = std::make_unique<kfsd_writer>(&f->server);
     add_user(f, FUZZ_USER_ID, "fuzz", 0);
     add_user(f, FUZZ_OTHER_USER_ID, "other", 1);
     // A file where the outbox folder was: every e-mail is parsed and
@@ -324,27 +330,25 @@ kfsd_conn* kfsd_fixture_begin(kfsd_fixture* f) {
   write->writing = true;
   write->version = f->upload_version;
   write->block_count = kUploadBlocks;
+  write->block_size = FUZZ_BLOCK_SIZE;
   c->handles[FUZZ_WRITE_HANDLE] = std::move(write);
 
   auto in_block = std::make_unique<kfsd_handle>();
   in_block->writing = true;
   in_block->version = f->upload_version;
   in_block->block_count = kUploadBlocks;
+  in_block->block_size = FUZZ_BLOCK_SIZE;
   in_block->block = 0;
-  in_block->temp_path = kfsd_temp_path(&f->server.store);
-  in_block->temp.reset(open(in_block->temp_path.c_str(),
-                            O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   in_block->sha256.reset(EVP_MD_CTX_new());
   fuzz_require(
-      in_block->temp && in_block->sha256 &&
+      in_block->sha256 &&
           EVP_DigestInit_ex(in_block->sha256.get(), EVP_sha256(), nullptr) == 1,
       "a block begun");
   in_block->in_block = true;
   c->handles[FUZZ_IN_BLOCK_HANDLE] = std::move(in_block);
 
   auto read = std::make_unique<kfsd_handle>();
-  read->streams = f->file.streams;
-  read->lengths = f->file.lengths;
+  read->blocks = f->file.blocks;
   add_pins(f, 1);  // as kfsd_store_ropen pins for the handle
   c->handles[FUZZ_READ_HANDLE] = std::move(read);
 
@@ -445,16 +449,17 @@ void kfsd_fixture_end(kfsd_fixture* f) {
       held += static_cast<size_t>(count);
     }
     // Only the set-up's own pins, one per stream of the complete file.
-    fuzz_require(f->pristine == nullptr || held == f->file.streams.size(),
+    fuzz_require(f->pristine == nullptr || held == f->file.blocks.size(),
                  "a closed connection pins no stream");
   }
   fuzz_require(count_entries(store.dir + "/" + KFSD_TMP_DIR) == 0,
-               "a closed connection leaves no partial stream");
+               "a closed connection leaves no partial message");
   if (f->pristine == nullptr ||
       sqlite3_total_changes(store.db) == f->changes_mark) {
     return;
   }
   copy_database(f->pristine, store.db);
+  store.pack_fd.reset();  // its pack goes with the sweep
   kfsd_store_sweep(&store);
   f->changes_mark = sqlite3_total_changes(store.db);
 }

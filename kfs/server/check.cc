@@ -5,7 +5,9 @@
 #include <sqlite3.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 
@@ -16,24 +18,39 @@
 
 namespace {
 
-// The SHA-256 of a stream file, as the lower-case hex its name carries; ""
-// when it cannot be read. *length gets the bytes read.
-std::string file_sha256(const std::string& path, uint64_t* length) {
-  file_ptr f(fopen(path.c_str(), "rb"));
+// The SHA-256 of a stream's bytes, as the lower-case hex that names it;
+// "" when they cannot all be read. *length gets the bytes read: up to the
+// end of a file of its own, exactly the recorded range of a pack.
+std::string stream_sha256(const kfsd_store* store, const kfsd_stream_loc& loc,
+                          uint64_t* length) {
+  unique_fd fd(kfsd_stream_open(store, loc));
   md_ctx_ptr md(EVP_MD_CTX_new());
-  if (!f || !md || EVP_DigestInit_ex(md.get(), EVP_sha256(), nullptr) != 1) {
+  if (!fd || !md || EVP_DigestInit_ex(md.get(), EVP_sha256(), nullptr) != 1) {
     return "";
   }
   uint8_t buffer[65536];
   *length = 0;
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, f.get())) > 0) {
-    EVP_DigestUpdate(md.get(), buffer, n);
-    *length += n;
+  for (;;) {
+    size_t want = sizeof buffer;
+    if (loc.pack >= 0) {
+      want =
+          static_cast<size_t>(std::min<uint64_t>(want, loc.length - *length));
+    }
+    ssize_t n = want == 0 ? 0
+                          : pread(fd.get(), buffer, want,
+                                  static_cast<off_t>(loc.offset + *length));
+    if (n < 0) {
+      return "";
+    }
+    if (n == 0) {
+      break;
+    }
+    EVP_DigestUpdate(md.get(), buffer, static_cast<size_t>(n));
+    *length += static_cast<uint64_t>(n);
   }
   uint8_t digest[32];
   unsigned int size = 0;
-  if (ferror(f.get()) || EVP_DigestFinal_ex(md.get(), digest, &size) != 1) {
+  if (EVP_DigestFinal_ex(md.get(), digest, &size) != 1) {
     return "";
   }
   char hex[65];
@@ -56,23 +73,36 @@ void check_database(sqlite3* db, std::vector<std::string>* problems) {
   }
 }
 
-// Every stream a block names is present, of its recorded length, and named
-// by the SHA-256 of its bytes.
+// Every stream a block names is present (in its pack, at its range, or in
+// a file of its own), of its recorded length, and named by the SHA-256 of
+// its bytes.
 void check_streams(kfsd_store* store, std::vector<std::string>* problems) {
-  std::map<std::string, uint64_t> streams;
+  std::map<std::string, kfsd_stream_loc> streams;
   kfsd_sql q(store->db,
-             "SELECT DISTINCT stream, length FROM blocks WHERE received = 1");
+             "SELECT DISTINCT b.stream, b.length, s.pack, s.offset, s.length"
+             " FROM blocks b LEFT JOIN streams s ON s.hex = b.stream"
+             " WHERE b.received = 1");
   while (q.row()) {
-    std::string stream = q.text(0);
-    uint64_t length = static_cast<uint64_t>(q.i64(1));
-    auto [it, added] = streams.emplace(stream, length);
-    if (!added && it->second != length) {
-      problems->push_back("stream " + stream + ": recorded with two lengths");
+    kfsd_stream_loc loc;
+    loc.hex = q.text(0);
+    loc.length = static_cast<uint64_t>(q.i64(1));
+    if (!q.is_null(2)) {
+      loc.pack = q.i64(2);
+      loc.offset = static_cast<uint64_t>(q.i64(3));
+      if (static_cast<uint64_t>(q.i64(4)) != loc.length) {
+        problems->push_back("stream " + loc.hex +
+                            ": its pack range and its blocks disagree");
+      }
+    }
+    auto [it, added] = streams.emplace(loc.hex, loc);
+    if (!added && it->second.length != loc.length) {
+      problems->push_back("stream " + loc.hex + ": recorded with two lengths");
     }
   }
-  for (const auto& [stream, length] : streams) {
+  for (const auto& [stream, loc] : streams) {
+    uint64_t length = loc.length;
     uint64_t got = 0;
-    std::string hex = file_sha256(kfsd_stream_path(store, stream), &got);
+    std::string hex = stream_sha256(store, loc, &got);
     if (hex.empty()) {
       problems->push_back("stream " + stream + ": missing or unreadable");
     } else if (hex != stream) {

@@ -68,14 +68,8 @@ int kfsd_dispatch(kfsd_request* req, const kfs_message* in) {
       fn = r.fn;
     }
   }
-  // Writes and closes queue behind unfinished ones in order, and an open
-  // waits for them itself when they concern its file; any other request
-  // may look at what they change.
-  bool overlaps = in->type == KFS_FILE_WRITE || in->type == KFS_FILE_CLOSE ||
-                  in->type == KFS_FILE_WOPEN;
-  if (req->conn->finisher != nullptr && !overlaps) {
-    req->conn->finisher->drain();
-  }
+  // Requests that look at what queued writes change wait for those
+  // themselves (kfsd_writer): the rest never wait for the disk.
   if (fn == nullptr) {
     req->status = ERR_INVARG;
   } else if (in->type != KFS_SESSION_AUTH && !req->conn->authenticated) {
@@ -188,14 +182,11 @@ bool kfsd_holds_lock(kfsd_conn* conn) {
 }
 
 void kfsd_handle_free(kfsd_conn* conn, kfsd_handle* handle) {
-  if (handle->in_block) {
-    handle->temp.reset();
-    unlink(handle->temp_path.c_str());
-    handle->in_block = false;
-  }
-  if (!handle->streams.empty()) {
-    kfsd_store_unpin(&conn->server->store, handle->streams);
-    handle->streams.clear();
+  handle->in_block = false;
+  std::string().swap(handle->data);
+  if (!handle->blocks.empty()) {
+    kfsd_store_unpin(&conn->server->store, handle->blocks);
+    handle->blocks.clear();
   }
 }
 
@@ -214,19 +205,17 @@ void kfsd_connection_run(kfsd_server* server, uint64_t id, int sock) {
     return;
   }
   set_receive_timeout(sock, kIdleSeconds);
-  // Without a thread to be had, the connection finishes its writes itself.
-  auto finisher = std::make_unique<kfsd_finisher>(server);
-  if (finisher->start()) {
-    conn.finisher = std::move(finisher);
-  }
   serve(&conn, cipher);
   kfs_cipher_free(cipher);
-  conn.finisher.reset();  // finishes what the client sent before it left
 
   // Uploads still open stay as they are: incomplete, listed as such, and
   // resumable by a later upload of the same file.
   for (auto& [handle, h] : conn.handles) {
     kfsd_handle_free(&conn, h.get());
+  }
+  // What the client sent is stored before its lock goes to another run.
+  if (conn.authenticated) {
+    server->writer->drain("/" + std::to_string(conn.uid) + "/");
   }
   std::lock_guard<std::mutex> hold(server->lock_mutex);
   auto it = server->locks.find(conn.uid);

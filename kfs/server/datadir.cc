@@ -111,7 +111,7 @@ int kfsd_datadir_init(const std::string& dir, std::string* error) {
     *error = sys_error(dir);
     return -1;
   }
-  for (const char* sub : {KFSD_BLOCKS_DIR, KFSD_TMP_DIR, KFSD_OUTBOX_DIR}) {
+  for (const char* sub : {KFSD_PACKS_DIR, KFSD_TMP_DIR, KFSD_OUTBOX_DIR}) {
     std::string path = dir + "/" + sub;
     if (mkdir(path.c_str(), 0700) != 0) {
       *error = sys_error(path);

@@ -46,6 +46,7 @@ int kfsd_request_find_files(kfsd_request* req) {
     if (!kfsd_request_path(req, dir, &path)) {
       return KFSD_REPLY;
     }
+    conn->server->writer->drain(path.full + "/");  // closes just sent
     req->status =
         kfsd_store_list(&conn->server->store, path, pattern, &fresh.entries);
     if (req->status != 0) {

@@ -25,13 +25,17 @@ kfsd_handle* find_handle(kfsd_conn* conn, uint8_t h, bool writing) {
              : nullptr;
 }
 
+// The most a block's stream may take: deflate's worst case and the
+// cipher's padding stay far below it, and a client that sends more is not
+// held in memory.
+uint64_t stream_limit(uint32_t block_size) {
+  return uint64_t{block_size} + block_size / 8 + 65536;
+}
+
 // Drops the data of a block that was begun but not ended.
 void abandon_block(kfsd_handle* h) {
-  if (h->in_block) {
-    h->temp.reset();
-    unlink(h->temp_path.c_str());
-    h->in_block = false;
-  }
+  h->in_block = false;
+  std::string().swap(h->data);
 }
 
 uint32_t begin_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5) {
@@ -47,18 +51,15 @@ uint32_t begin_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5) {
       return r;  // ERR_UP2DATE: skipped and counted as received
     }
   }
-  h->temp_path = kfsd_temp_path(&conn->server->store);
-  h->temp.reset(open(h->temp_path.c_str(),
-                     O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  h->sha256.reset(EVP_MD_CTX_new());
-  if (!h->temp || !h->sha256 ||
+  if (!h->sha256) {
+    h->sha256.reset(EVP_MD_CTX_new());
+  }
+  if (!h->sha256 ||
       EVP_DigestInit_ex(h->sha256.get(), EVP_sha256(), nullptr) != 1) {
-    h->temp.reset();
-    unlink(h->temp_path.c_str());
     return ERR_IO;
   }
   h->in_block = true;
-  h->length = 0;
+  h->data.clear();
   return 0;
 }
 
@@ -66,25 +67,17 @@ uint32_t block_data(kfsd_handle* h, const uint8_t* data, uint16_t n) {
   if (!h->in_block) {
     return ERR_BADKEY;
   }
-  if (fd_write_all(h->temp.get(), data, n) != n ||
+  if (h->data.size() + n > stream_limit(h->block_size) ||
       EVP_DigestUpdate(h->sha256.get(), data, n) != 1) {
     abandon_block(h);  // the block stays missing; the close says so
     return ERR_IO;
   }
-  h->length += n;
+  h->data.append(reinterpret_cast<const char*>(data), n);
   return 0;
 }
 
-// Work that no reply waits for goes to the connection's finisher, when it
-// has one; the rest is done now and answers its status.
-uint32_t finish_or_queue(kfsd_conn* conn, kfsd_finish_job job, bool answered) {
-  if (conn->finisher != nullptr && !answered) {
-    conn->finisher->push(std::move(job));
-    return 0;
-  }
-  return kfsd_finish(conn->server, &job);
-}
-
+// Queues the block for the store; an answered end waits for it and
+// answers its result, the usual unanswered one goes on at once.
 uint32_t end_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5,
                    bool answered) {
   if (!h->in_block) {
@@ -95,11 +88,11 @@ uint32_t end_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5,
   bool ok = EVP_DigestFinal_ex(h->sha256.get(), digest, &digest_length) == 1;
   h->in_block = false;
   if (!ok) {
-    h->temp.reset();
-    unlink(h->temp_path.c_str());
+    abandon_block(h);
     return ERR_IO;
   }
-  kfsd_finish_job job;
+  uint32_t status = 0;
+  kfsd_write_job job;
   job.version = h->version;
   job.path = h->path;
   job.index = static_cast<uint32_t>(h->block);
@@ -107,15 +100,20 @@ uint32_t end_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5,
   if (md5 != nullptr) {
     memcpy(job.md5, md5, sizeof job.md5);
   }
-  job.temp = std::move(h->temp);
-  job.temp_path = h->temp_path;
-  job.length = h->length;
+  job.data = std::move(h->data);
+  h->data = std::string();
   char hex[65];
   for (unsigned i = 0; i < 32; ++i) {
     snprintf(hex + 2 * i, 3, "%02x", digest[i]);
   }
   job.sha256_hex = hex;
-  return finish_or_queue(conn, std::move(job), answered);
+  job.status = answered ? &status : nullptr;
+  kfsd_writer* writer = conn->server->writer.get();
+  writer->push(std::move(job));
+  if (answered) {
+    writer->drain(h->path);
+  }
+  return status;
 }
 
 }  // namespace
@@ -144,9 +142,7 @@ int kfsd_request_wopen(kfsd_request* req) {
   }
   // Other files' uploads may still be finishing; this one's must be done
   // before its versions are looked at.
-  if (conn->finisher != nullptr && conn->finisher->pending_for(path.full)) {
-    conn->finisher->drain();
-  }
+  conn->server->writer->drain(path.full);
   uint8_t handle = kfsd_free_handle(conn->handles);
   if (attr.size() > kMaxAttr) {
     req->status = ERR_INVARG;
@@ -168,6 +164,7 @@ int kfsd_request_wopen(kfsd_request* req) {
   h->version = r.version;
   h->path = path.full;
   h->block_count = r.block_count;
+  h->block_size = r.block_size;
   conn->handles[handle] = std::move(h);
   kfs_put_u8(&req->out, handle);
   kfs_put_u16(&req->out, static_cast<uint16_t>(r.block_count));
@@ -224,11 +221,11 @@ int kfsd_request_close(kfsd_request* req) {
   kfsd_handle* h = it->second.get();
   kfsd_handle_free(conn, h);  // a block begun but not ended stays missing
   if (h->writing) {
-    kfsd_finish_job job;
+    kfsd_write_job job;
     job.version = h->version;
     job.path = h->path;
     job.close = true;
-    finish_or_queue(conn, std::move(job), false);  // a close is never answered
+    conn->server->writer->push(std::move(job));  // a close is never answered
   }
   conn->handles.erase(it);
   return KFSD_SILENT;
@@ -250,17 +247,17 @@ int kfsd_request_ropen(kfsd_request* req) {
     req->status = ERR_FDMAX;
     return KFSD_REPLY;
   }
+  conn->server->writer->drain(path.full);  // an upload just closed
   kfsd_ropen_result r;
   req->status = kfsd_store_ropen(&conn->server->store, path, &r);
   if (req->status != 0) {
     return KFSD_REPLY;
   }
   auto h = std::make_unique<kfsd_handle>();
-  h->streams = std::move(r.streams);
-  h->lengths = std::move(r.lengths);
+  h->blocks = std::move(r.blocks);
   kfs_put_u8(&req->out, handle);
   kfs_put_u32(&req->out, static_cast<uint32_t>(r.mtime));
-  kfs_put_u16(&req->out, static_cast<uint16_t>(h->streams.size()));
+  kfs_put_u16(&req->out, static_cast<uint16_t>(h->blocks.size()));
   kfs_put_u64(&req->out, r.size);
   kfs_put_u16(&req->out, static_cast<uint16_t>(r.attr.size()));
   kfs_put_bytes(&req->out, r.attr.data(), static_cast<uint32_t>(r.attr.size()));
@@ -285,43 +282,48 @@ int kfsd_request_read(kfsd_request* req) {
     req->status = ERR_BADKEY;
     return KFSD_REPLY;
   }
-  size_t count = h->streams.size();
+  size_t count = h->blocks.size();
   if (h->read_block >= count) {
     kfs_put_u8(&req->out, kPieceEndsFile);
     kfs_put_u16(&req->out, 0);
     return KFSD_REPLY;
   }
-  if (!h->read_fd) {
-    std::string file =
-        kfsd_stream_path(&req->conn->server->store, h->streams[h->read_block]);
-    h->read_fd.reset(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  const kfsd_stream_loc& loc = h->blocks[h->read_block];
+  // Blocks of one file mostly lie in one pack: its file stays open.
+  std::string file = loc.pack >= 0 ? std::to_string(loc.pack) : loc.hex;
+  if (!h->read_fd || h->read_file != file) {
+    h->read_fd.reset(kfsd_stream_open(&req->conn->server->store, loc));
+    h->read_file = file;
     if (!h->read_fd) {
       req->status = ERR_IO;
       return KFSD_REPLY;
     }
   }
-  uint64_t left = h->lengths[h->read_block] - h->read_offset;
+  uint64_t left = loc.length - h->read_offset;
   size_t want =
       static_cast<size_t>(std::min<uint64_t>({max, left, KFS_MAX_BODY - 3}));
-  uint8_t buffer[KFS_MAX_BODY];
-  ssize_t got =
-      pread(h->read_fd.get(), buffer, want, static_cast<off_t>(h->read_offset));
+  // Straight into the reply: the body has room for the piece's header and
+  // KFS_MAX_BODY - 3 bytes.
+  kfs_put_u8(&req->out, 0);
+  kfs_put_u16(&req->out, static_cast<uint16_t>(want));
+  uint8_t* buffer = req->out.data + req->out.length;
+  ssize_t got = pread(h->read_fd.get(), buffer, want,
+                      static_cast<off_t>(loc.offset + h->read_offset));
   if (got != static_cast<ssize_t>(want)) {
+    req->out.length = 0;
     req->status = ERR_IO;
     return KFSD_REPLY;
   }
+  req->out.length += static_cast<uint32_t>(want);
   h->read_offset += want;
   uint8_t piece = 0;
-  if (h->read_offset == h->lengths[h->read_block]) {
+  if (h->read_offset == loc.length) {
     piece = kPieceEndsBlock;
-    h->read_fd.reset();
     h->read_offset = 0;
     if (++h->read_block == count) {
       piece |= kPieceEndsFile;
     }
   }
-  kfs_put_u8(&req->out, piece);
-  kfs_put_u16(&req->out, static_cast<uint16_t>(want));
-  kfs_put_bytes(&req->out, buffer, static_cast<uint32_t>(want));
+  req->out.data[0] = piece;
   return KFSD_REPLY;
 }

@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,8 +39,9 @@ constexpr uint32_t KFSD_ATTR_NEEDS_BACKUP = 0x20;
 // Names inside the data folder.
 constexpr char KFSD_DB_FILE[] = "kfsd.db";
 constexpr char KFSD_KEY_FILE[] = "server.pem";  // RSA private key
-constexpr char KFSD_BLOCKS_DIR[] = "blocks";    // streams by SHA-256
-constexpr char KFSD_TMP_DIR[] = "tmp";          // streams being received
+constexpr char KFSD_PACKS_DIR[] = "packs";      // streams, appended
+constexpr char KFSD_BLOCKS_DIR[] = "blocks";    // older streams, a file each
+constexpr char KFSD_TMP_DIR[] = "tmp";          // messages being written
 constexpr char KFSD_OUTBOX_DIR[] = "outbox";    // one file per e-mail
 constexpr char KFSD_KEYS_DIR[] = "keys";        // generated account keys
 
@@ -69,14 +71,34 @@ int kfsd_key_file_write(const std::string& path, uint32_t id,
 // ---------------------------------------------------------------------------
 // The store (sql.cc, store.cc, store_files.cc).
 
+// Where a block stream's bytes lie: a range of a pack file, or (in folders
+// written before packs) a file of its own named by the stream.
+struct kfsd_stream_loc {
+  std::string hex;    // the SHA-256 of the bytes, which names the stream
+  int64_t pack = -1;  // -1: a file of its own
+  uint64_t offset = 0;
+  uint64_t length = 0;
+};
+
 struct kfsd_store {
   std::string dir;
   sqlite3* db = nullptr;
-  std::mutex mutex;  // the database and the stream files, one at a time
-  // Streams that open read handles still use: a stream no version refers
-  // to any more is left on disk while pinned; the next start sweeps it.
+  std::mutex mutex;  // the database, one statement at a time
+  // Streams in files of their own that open read handles still use: one
+  // no version refers to any more stays on disk while pinned; the next
+  // start sweeps it.
   std::map<std::string, int> pinned;
+  // Stored streams that the running write batch will name again: kept
+  // even if every block naming them goes meanwhile.
+  std::set<std::string> in_flight;
   uint64_t temp_counter = 0;
+  // The pack being appended to (by one batch at a time); a new one is
+  // begun at every start, so a pack never grows past a crash.
+  std::mutex pack_mutex;
+  int64_t pack_id = 0;
+  unique_fd pack_fd;
+  uint64_t pack_size = 0;
+  bool pack_new = false;  // its folder entry is not yet flushed
 };
 
 struct kfsd_user {
@@ -118,8 +140,7 @@ struct kfsd_ropen_result {
   int64_t mtime = 0;
   uint64_t size = 0;
   std::string attr;
-  std::vector<std::string> streams;  // one per block, pinned
-  std::vector<uint64_t> lengths;
+  std::vector<kfsd_stream_loc> blocks;  // pinned
 };
 
 // A prepared statement, finalized on destruction. Parameters bind in
@@ -221,23 +242,54 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
 // as received), else 0.
 uint32_t kfsd_store_skip_block(kfsd_store* store, int64_t version,
                                uint32_t index, const uint8_t md5[16]);
-// An end block: moves the received stream file temp_path into the store
-// under its SHA-256 (hex) and records it as the block. md5 may be null.
-uint32_t kfsd_store_end_block(kfsd_store* store, int64_t version,
-                              uint32_t index, const uint8_t* md5,
-                              const std::string& temp_path,
-                              const std::string& sha256_hex, uint64_t length);
-// Makes the upload the path's version when every block was received;
-// otherwise it stays pending.
-void kfsd_store_close_upload(kfsd_store* store, int64_t version);
+
+// The part of an upload that no reply need wait for: a block's end (its
+// stream to store and record) or a file's close (the upload becomes the
+// path's version when every block was received, else stays pending).
+struct kfsd_write_job {
+  int64_t version = 0;
+  std::string path;    // the file's remote path
+  bool close = false;  // a close; otherwise a block's end
+  uint32_t index = 0;
+  bool has_md5 = false;
+  uint8_t md5[16] = {};
+  std::string data;  // the block's stream
+  std::string sha256_hex;
+  uint32_t* status = nullptr;  // if set, the block end's result goes here
+};
+
+// Runs jobs in order as one batch: the streams the store does not hold yet
+// are appended to the pack, which is flushed once (with sync), then every
+// job's rows change in one transaction. A job whose upload is gone is
+// dropped (ERR_BADKEY); a failure leaves its block missing (ERR_IO), which
+// the upload's close then sees. REQUIRES: one batch at a time.
+void kfsd_store_write(kfsd_store* store, bool sync,
+                      const std::vector<kfsd_write_job*>& jobs);
 // 0 with the blocks pinned; ERR_BADPATH, ERR_NOTFILE, ERR_IO.
 uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
                           kfsd_ropen_result* out);
 void kfsd_store_unpin(kfsd_store* store,
-                      const std::vector<std::string>& streams);
-// The file of a stream, and a fresh name for a stream being received.
-std::string kfsd_stream_path(const kfsd_store* store, const std::string& hex);
+                      const std::vector<kfsd_stream_loc>& blocks);
+// Where a stream lies: false when the store does not hold it.
+bool kfsd_store_locate(kfsd_store* store, const std::string& hex,
+                       kfsd_stream_loc* out);
+// Opens the file a stream lies in for reading (pread at its offset); -1
+// with errno when it cannot be.
+int kfsd_stream_open(const kfsd_store* store, const kfsd_stream_loc& loc);
+// A fresh name in tmp/ for a file being written.
 std::string kfsd_temp_path(kfsd_store* store);
+
+// The block store's files (packs.cc). Appends bytes to the current pack,
+// begun on first use; false with errno when they cannot be written.
+// REQUIRES: store->pack_mutex held.
+bool kfsd_pack_append(kfsd_store* store, const std::string& bytes,
+                      kfsd_stream_loc* out);
+// Makes what was appended durable (the pack's bytes, and its folder entry
+// when it is new). REQUIRES: store->pack_mutex held.
+bool kfsd_pack_flush(kfsd_store* store);
+// The file of a stream that has one of its own, and of a pack.
+std::string kfsd_loose_path(const kfsd_store* store, const std::string& hex);
+std::string kfsd_pack_path(const kfsd_store* store, int64_t pack);
 
 // ---------------------------------------------------------------------------
 // The running server (listener.cc, handshake.cc, connection.cc).
@@ -255,16 +307,19 @@ struct kfsd_settings {
   uint32_t block_size = KFSD_DEFAULT_BLOCK_SIZE;
   std::vector<kfsd_announce> announce;  // at most 2
   bool redirect = false;
-  // Each block is on disk before the database names it; --no-sync trades
-  // that for speed on slow disks (a process crash is still safe: the rename
-  // is atomic, only a power loss could then lose acknowledged blocks).
+  // Streams and rows are flushed once a batch, before the stamp that
+  // covers them is stored; --no-sync leaves that to the kernel (a crash of
+  // the server is still safe, a power loss may take the last run with it).
   bool sync = true;
   bool verbose = false;
 };
 
+class kfsd_writer;
+
 struct kfsd_server {
   kfsd_settings settings;
   kfsd_store store;
+  std::unique_ptr<kfsd_writer> writer;
   EVP_PKEY* key = nullptr;
   std::string public_pem;
   // User locks: user id -> id of the connection that holds it.
@@ -301,18 +356,18 @@ struct kfsd_handle {
   int64_t version = 0;
   std::string path;
   uint32_t block_count = 0;
+  uint32_t block_size = 0;
   int64_t block = -1;  // index named by the last begin block
   bool in_block = false;
-  unique_fd temp;
-  std::string temp_path;
+  std::string data;  // the block's stream so far
   md_ctx_ptr sha256;
-  uint64_t length = 0;
-  // Reading: the pinned streams and the position in them.
-  std::vector<std::string> streams;
-  std::vector<uint64_t> lengths;
+  // Reading: the pinned streams and the position in them; the file the
+  // last piece came from stays open for the next.
+  std::vector<kfsd_stream_loc> blocks;
   size_t read_block = 0;
   uint64_t read_offset = 0;
   unique_fd read_fd;
+  std::string read_file;
 };
 
 struct kfsd_listing {
@@ -321,46 +376,30 @@ struct kfsd_listing {
   bool wide_names = false;  // str16 names
 };
 
-// The part of an upload that no reply waits for: a block's end (flush the
-// stream file, move it into the store, record it) or a file's close.
-struct kfsd_finish_job {
-  int64_t version = 0;
-  std::string path;    // the file's remote path
-  bool close = false;  // a close; otherwise a block's end
-  uint32_t index = 0;
-  bool has_md5 = false;
-  uint8_t md5[16] = {};
-  unique_fd temp;
-  std::string temp_path;
-  std::string sha256_hex;
-  uint64_t length = 0;
-};
-
-// Runs a job on the calling thread; a block's end answers its status.
-uint32_t kfsd_finish(kfsd_server* server, kfsd_finish_job* job);
-
-// Finishes a connection's unanswered block ends and closes on a thread of
-// its own, in order. The agent goes on to its next file as soon as it has
-// sent a close, so the flush and the bookkeeping of one file overlap its
-// reading and compressing of the next instead of holding up that file's
-// open. Whatever could observe the difference waits for drain() first.
-class kfsd_finisher {
+// Runs the store's write jobs, in order, on a thread of its own, in
+// batches: every job queued while the previous batch ran goes into the
+// next, so the cost of a flush and a commit is shared by as many files as
+// arrive meanwhile. A request answers as soon as its job is queued; what
+// could observe the difference waits for drain() first: an open or read
+// of a path for the jobs on it, a listing for those below it, a lock
+// release for all (so a stored stamp covers only what is durable).
+class kfsd_writer {
  public:
-  explicit kfsd_finisher(kfsd_server* server) : server_(server) {}
-  kfsd_finisher(const kfsd_finisher&) = delete;
-  kfsd_finisher& operator=(const kfsd_finisher&) = delete;
-  ~kfsd_finisher();  // finishes everything queued
+  explicit kfsd_writer(kfsd_server* server) : server_(server) {}
+  kfsd_writer(const kfsd_writer&) = delete;
+  kfsd_writer& operator=(const kfsd_writer&) = delete;
+  ~kfsd_writer();  // runs everything queued
 
-  // Starts the thread; false when none can be had.
+  // Starts the thread; false when none can be had (jobs then run as they
+  // are pushed, on the caller's thread).
   bool start();
 
-  // Queues a job; waits first while the queue is full, so a fast client
-  // cannot pile up open stream files.
-  void push(kfsd_finish_job job);
-  // Returns once every queued job has run.
-  void drain();
-  // Whether a queued or running job concerns that remote path.
-  bool pending_for(const std::string& path);
+  // Queues a job; waits first while the queued streams take too much
+  // memory, so fast clients cannot outrun the disk without bound.
+  void push(kfsd_write_job job);
+  // Returns once no queued or running job's path starts with prefix ("":
+  // every job).
+  void drain(const std::string& prefix);
 
  private:
   static void* thread_main(void* self);
@@ -369,9 +408,11 @@ class kfsd_finisher {
   kfsd_server* server_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<kfsd_finish_job> queue_;  // the front one may be running
+  std::deque<kfsd_write_job> queue_;  // the front batch may be running
+  size_t queued_bytes_ = 0;
   bool stopping_ = false;
   bool started_ = false;
+  std::mutex batch_mutex_;  // one batch at a time without a thread
   pthread_t thread_{};
 };
 
@@ -385,9 +426,6 @@ struct kfsd_conn {
   uint8_t lock_flags = 0;  // bits of the last acquire; no effect here
   std::map<uint8_t, std::unique_ptr<kfsd_handle>> handles;
   std::map<uint8_t, kfsd_listing> listings;
-  // Only connections served over a socket have one; without it the work
-  // is done in the request (as the fuzz targets drive the handlers).
-  std::unique_ptr<kfsd_finisher> finisher;
 };
 
 // What the dispatcher does after a handler.

@@ -126,11 +126,14 @@ int load(kfsd_server* server) {
     fprintf(stderr, "kfsd: %s\n", error.c_str());
     return -1;
   }
-  for (const char* sub : {KFSD_BLOCKS_DIR, KFSD_TMP_DIR, KFSD_OUTBOX_DIR}) {
+  // Made when missing: a folder from an older kfsd lacks packs/, and a
+  // copied one may lack the empty ones.
+  for (const char* sub : {KFSD_PACKS_DIR, KFSD_TMP_DIR, KFSD_OUTBOX_DIR}) {
     std::string path = dir + "/" + sub;
     struct stat st;
-    if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-      fprintf(stderr, "kfsd: %s: missing; the data folder is damaged\n",
+    if ((mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) ||
+        stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+      fprintf(stderr, "kfsd: %s: not a folder; the data folder is damaged\n",
               path.c_str());
       return -1;
     }
@@ -161,6 +164,11 @@ int kfsd_serve(const kfsd_settings& settings) {
   sigaddset(&stop_signals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
+  server->writer = std::make_unique<kfsd_writer>(server.get());
+  if (!server->writer->start()) {
+    // Slower, never wrong: each connection then stores its own writes.
+    kfsd_log("no thread for the writer; storing on the request path");
+  }
   unique_fd signals(signalfd(-1, &stop_signals, SFD_CLOEXEC));
 
   uint16_t port = 0;
@@ -202,6 +210,7 @@ int kfsd_serve(const kfsd_settings& settings) {
     }
     server->conn_gone.wait(hold, [&] { return server->conns.empty(); });
   }
+  server->writer.reset();  // stores everything queued
   kfsd_store_close(&server->store);
   EVP_PKEY_free(server->key);
   if (settings.verbose) {

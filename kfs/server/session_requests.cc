@@ -204,8 +204,10 @@ int kfsd_request_user_lock(kfsd_request* req) {
     }
   }
   // A release re-sent after a dropped connection no longer holds the lock
-  // but must still store its stamp; only another holder's run wins.
+  // but must still store its stamp; only another holder's run wins. The
+  // stamp says the run's files are kept: they are on disk before it is.
   if (!held_elsewhere) {
+    conn->server->writer->drain("/" + std::to_string(conn->uid) + "/");
     req->status = kfsd_store_release_stamp(&conn->server->store, conn->uid,
                                            has_stamp, stamp);
   }

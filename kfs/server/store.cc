@@ -3,6 +3,7 @@
 // store_files.cc).
 #include <fnmatch.h>
 #include <sqlite3.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -13,8 +14,10 @@
 
 namespace {
 
-// The value of meta.format that this server reads and writes.
+// The value of meta.format that marks a kfsd database, and the schema this
+// server writes (meta.schema; a database without it is of schema 1).
 constexpr char kFormat[] = "kfsd-1";
+constexpr int kSchemaVersion = 2;
 
 constexpr char kSchema[] =
     "CREATE TABLE meta(name TEXT PRIMARY KEY, value TEXT NOT NULL);"
@@ -40,7 +43,15 @@ constexpr char kSchema[] =
     "CREATE TABLE blocks(version INTEGER NOT NULL, idx INTEGER NOT NULL,"
     " md5 BLOB, stream TEXT NOT NULL, length INTEGER NOT NULL,"
     " received INTEGER NOT NULL, PRIMARY KEY(version, idx));"
-    "CREATE INDEX blocks_stream ON blocks(stream);";
+    "CREATE INDEX blocks_stream ON blocks(stream);"
+    "CREATE TABLE streams(hex TEXT PRIMARY KEY, pack INTEGER NOT NULL,"
+    " offset INTEGER NOT NULL, length INTEGER NOT NULL) WITHOUT ROWID;";
+
+// From schema 1: streams were files of their own, and still are until
+// they are replaced; new ones go to packs, which the streams table maps.
+constexpr char kUpgradeTo2[] =
+    "CREATE TABLE streams(hex TEXT PRIMARY KEY, pack INTEGER NOT NULL,"
+    " offset INTEGER NOT NULL, length INTEGER NOT NULL) WITHOUT ROWID;";
 
 bool exec(sqlite3* db, const char* sql) {
   return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
@@ -64,6 +75,37 @@ sqlite3* open_db(const std::string& path, int flags, std::string* error) {
     return nullptr;
   }
   return db;
+}
+
+// Brings an older database to kSchemaVersion in one transaction: a crash
+// or a failure leaves it as it was.
+bool upgrade(sqlite3* db, const std::string& path, std::string* error) {
+  int schema = 1;
+  {
+    kfsd_sql q(db, "SELECT value FROM meta WHERE name = 'schema'");
+    if (q.row()) {
+      schema = atoi(q.text(0).c_str());
+    }
+  }
+  if (schema == kSchemaVersion) {
+    return true;
+  }
+  if (schema > kSchemaVersion || schema < 1) {
+    *error = path + ": written by a newer kfsd (schema " +
+             std::to_string(schema) + ")";
+    return false;
+  }
+  bool ok = exec(db, "BEGIN IMMEDIATE") && exec(db, kUpgradeTo2);
+  if (ok) {
+    kfsd_sql q(db, "INSERT OR REPLACE INTO meta VALUES('schema', ?)");
+    ok = q.bind_text(std::to_string(kSchemaVersion)).run();
+  }
+  if (!ok || !exec(db, "COMMIT")) {
+    *error = path + ": cannot upgrade: " + sqlite3_errmsg(db);
+    exec(db, "ROLLBACK");
+    return false;
+  }
+  return true;
 }
 
 bool entry_kind(sqlite3* db, const std::string& path, bool* exists,
@@ -121,8 +163,9 @@ int kfsd_store_create(const std::string& dir, std::string* error) {
   }
   bool ok = exec(db, "BEGIN") && exec(db, kSchema);
   if (ok) {
-    kfsd_sql q(db, "INSERT INTO meta VALUES('format', ?)");
-    ok = q.bind_text(kFormat).run() && exec(db, "COMMIT");
+    kfsd_sql q(db, "INSERT INTO meta VALUES('format', ?), ('schema', ?)");
+    ok = q.bind_text(kFormat).bind_text(std::to_string(kSchemaVersion)).run() &&
+         exec(db, "COMMIT");
   }
   if (!ok) {
     *error = path + ": " + sqlite3_errmsg(db);
@@ -152,6 +195,10 @@ int kfsd_store_open(const std::string& dir, kfsd_store* store,
   }
   if (format != kFormat) {
     *error = path + ": not a kfsd database, or damaged";
+    kfsd_db_close(db);
+    return -1;
+  }
+  if (!upgrade(db, path, error)) {
     kfsd_db_close(db);
     return -1;
   }
@@ -248,9 +295,14 @@ uint32_t kfsd_store_release_stamp(kfsd_store* store, uint32_t id,
   if (!has_stamp && !incomplete) {
     return 0;
   }
+  // Flushed with the log before the answer: the agent trusts its index
+  // from now on only as far as this stamp survives a power cut.
+  exec(store->db, "PRAGMA synchronous=FULL");
   kfsd_sql set(store->db, "UPDATE users SET stamp = ? WHERE id = ?");
   set.bind(incomplete ? 0 : stamp).bind(id);
-  return set.run() ? ERR_NONE : ERR_IO;
+  bool ok = set.run();
+  exec(store->db, "PRAGMA synchronous=NORMAL");
+  return ok ? ERR_NONE : ERR_IO;
 }
 
 uint32_t kfsd_store_mkdir(kfsd_store* store, uint32_t uid,

@@ -1,18 +1,20 @@
 // Files in the store: versions, uploads and their blocks, and the block
-// stream files, which are named by the SHA-256 of their bytes so that equal
+// streams, which are named by the SHA-256 of their bytes so that equal
 // streams are kept once. A version's rows change only inside a transaction
-// and a stream file is in place before a row names it, so a crash leaves
-// at worst a stream file nothing names (swept at the next start).
+// and a stream's bytes are on disk before a row names them, so a crash
+// leaves at worst bytes that nothing names (swept at the next start).
 #include <dirent.h>
 #include <errno.h>
 #include <sqlite3.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include "kfs/server/kfsd_internal.h"
@@ -56,19 +58,26 @@ bool delete_version(sqlite3* db, int64_t id, std::set<std::string>* gone) {
   return !streams.failed() && blocks.bind(id).run() && version.bind(id).run();
 }
 
-// Removes the stream files of candidates that no block names any more and
-// no reader holds. Runs after the commit: a failure here only leaves a
-// file behind.
+// Forgets the candidates that no block names any more: a stream in a pack
+// loses its row (its bytes stay until the pack is rewritten), one in a
+// file of its own loses the file unless a reader holds it. Runs after the
+// commit: a failure here only leaves something behind.
 void collect(kfsd_store* store, const std::set<std::string>& candidates) {
   kfsd_sql q(store->db, "SELECT 1 FROM blocks WHERE stream = ? LIMIT 1");
+  kfsd_sql forget(store->db, "DELETE FROM streams WHERE hex = ?");
   for (const std::string& hex : candidates) {
     if (hex.empty()) {
       continue;
     }
     q.reset();
-    if (!q.bind_text(hex).row() && !q.failed() &&
-        store->pinned.count(hex) == 0) {
-      unlink(kfsd_stream_path(store, hex).c_str());
+    if (store->in_flight.count(hex) != 0 || q.bind_text(hex).row() ||
+        q.failed()) {
+      continue;
+    }
+    forget.reset();
+    forget.bind_text(hex).run();
+    if (store->pinned.count(hex) == 0) {
+      unlink(kfsd_loose_path(store, hex).c_str());
     }
   }
 }
@@ -103,11 +112,6 @@ bool put_block(sqlite3* db, int64_t version, uint32_t index, const void* md5,
 
 }  // namespace
 
-std::string kfsd_stream_path(const kfsd_store* store, const std::string& hex) {
-  return store->dir + "/" + KFSD_BLOCKS_DIR + "/" + hex.substr(0, 2) + "/" +
-         hex;
-}
-
 std::string kfsd_temp_path(kfsd_store* store) {
   std::lock_guard<std::mutex> hold(store->mutex);
   return store->dir + "/" + KFSD_TMP_DIR + "/" + std::to_string(getpid()) +
@@ -124,19 +128,46 @@ void kfsd_store_sweep(kfsd_store* store) {
       }
     }
   }
+  // Rows a crash left between a commit and its clean-up, then the packs
+  // no row names: a batch that never committed.
+  kfsd_sql(store->db,
+           "DELETE FROM streams WHERE hex NOT IN (SELECT stream FROM blocks)")
+      .run();
+  std::set<int64_t> named;
+  kfsd_sql packs(store->db, "SELECT DISTINCT pack FROM streams");
+  while (packs.row()) {
+    named.insert(packs.i64(0));
+  }
+  std::string pack_dir = store->dir + "/" + KFSD_PACKS_DIR;
+  if (dir_ptr d{opendir(pack_dir.c_str())}; d && !packs.failed()) {
+    while (struct dirent* e = readdir(d.get())) {
+      int64_t id = strtoll(e->d_name, nullptr, 10);
+      if (e->d_name[0] != '.' && named.count(id) == 0) {
+        unlink((pack_dir + "/" + e->d_name).c_str());
+      }
+    }
+  }
+  // Streams of their own that no block names, or that a pack holds now.
   std::string blocks = store->dir + "/" + KFSD_BLOCKS_DIR;
   dir_ptr top(opendir(blocks.c_str()));
   if (!top) {
     return;
   }
   std::set<std::string> found;
+  kfsd_sql packed(store->db, "SELECT 1 FROM streams WHERE hex = ?");
   while (struct dirent* sub = readdir(top.get())) {
     if (sub->d_name[0] == '.') {
       continue;
     }
     if (dir_ptr d{opendir((blocks + "/" + sub->d_name).c_str())}) {
       while (struct dirent* e = readdir(d.get())) {
-        if (e->d_name[0] != '.') {
+        if (e->d_name[0] == '.') {
+          continue;
+        }
+        packed.reset();
+        if (packed.bind_text(e->d_name).row()) {
+          unlink((blocks + "/" + sub->d_name + "/" + e->d_name).c_str());
+        } else {
           found.insert(e->d_name);
         }
       }
@@ -288,68 +319,128 @@ uint32_t kfsd_store_skip_block(kfsd_store* store, int64_t version,
   return ERR_UP2DATE;
 }
 
-uint32_t kfsd_store_end_block(kfsd_store* store, int64_t version,
-                              uint32_t index, const uint8_t* md5,
-                              const std::string& temp_path,
-                              const std::string& sha256_hex, uint64_t length) {
-  std::lock_guard<std::mutex> hold(store->mutex);
-  sqlite3* db = store->db;
+namespace {
+
+// A close inside the batch's transaction: the upload becomes the path's
+// version when every block was received; otherwise it stays pending.
+bool close_upload(sqlite3* db, int64_t version, std::set<std::string>* gone) {
   std::string path;
   version_row upload;
   if (!open_upload(db, version, &path, &upload)) {
-    unlink(temp_path.c_str());
-    return ERR_BADKEY;
-  }
-  std::string dest = kfsd_stream_path(store, sha256_hex);
-  struct stat st;
-  if (stat(dest.c_str(), &st) == 0) {
-    unlink(temp_path.c_str());  // the same bytes are stored already
-  } else {
-    std::string sub = dest.substr(0, dest.rfind('/'));
-    if ((mkdir(sub.c_str(), 0700) != 0 && errno != EEXIST) ||
-        rename(temp_path.c_str(), dest.c_str()) != 0) {
-      unlink(temp_path.c_str());
-      return ERR_IO;
-    }
-  }
-  kfsd_txn txn(db);
-  std::set<std::string> gone = {block_stream(db, version, index)};
-  if (!txn.ok() || !put_block(db, version, index, md5, sha256_hex, length) ||
-      !txn.commit()) {
-    collect(store, {sha256_hex});  // unless another block names it
-    return ERR_IO;
-  }
-  gone.erase(sha256_hex);
-  collect(store, gone);
-  return 0;
-}
-
-void kfsd_store_close_upload(kfsd_store* store, int64_t version) {
-  std::lock_guard<std::mutex> hold(store->mutex);
-  sqlite3* db = store->db;
-  kfsd_txn txn(db);
-  std::string path;
-  version_row upload;
-  if (!txn.ok() || !open_upload(db, version, &path, &upload)) {
-    return;
+    return true;  // gone already: nothing to do
   }
   kfsd_sql received(db,
                     "SELECT COUNT(*) FROM blocks WHERE version = ?"
                     " AND received = 1 AND idx < ?");
-  if (!received.bind(version).bind(upload.block_count).row() ||
-      received.i64(0) != upload.block_count) {
-    return;  // stays an incomplete upload; the listing marks it
+  if (!received.bind(version).bind(upload.block_count).row()) {
+    return false;
   }
-  std::set<std::string> gone;
+  if (received.i64(0) != upload.block_count) {
+    return true;  // stays an incomplete upload; the listing marks it
+  }
   version_row current;
   bool ok = true;
   while (ok && find_version(db, path, 1, &current)) {
-    ok = delete_version(db, current.id, &gone);
+    ok = delete_version(db, current.id, gone);
   }
   kfsd_sql done(db, "UPDATE versions SET complete = 1 WHERE id = ?");
-  if (ok && done.bind(version).run() && txn.commit()) {
-    collect(store, gone);
+  return ok && done.bind(version).run();
+}
+
+void set_status(kfsd_write_job* job, uint32_t status) {
+  if (job->status != nullptr) {
+    *job->status = status;
   }
+}
+
+}  // namespace
+
+void kfsd_store_write(kfsd_store* store, bool sync,
+                      const std::vector<kfsd_write_job*>& jobs) {
+  std::lock_guard<std::mutex> packing(store->pack_mutex);
+  // Which streams are new: neither stored nor earlier in this batch.
+  std::map<std::string, kfsd_stream_loc> fresh;
+  std::vector<kfsd_write_job*> to_append;
+  {
+    std::lock_guard<std::mutex> hold(store->mutex);
+    kfsd_sql known(store->db, "SELECT 1 FROM streams WHERE hex = ?");
+    for (kfsd_write_job* job : jobs) {
+      if (job->close || fresh.count(job->sha256_hex) != 0) {
+        continue;
+      }
+      known.reset();
+      if (!known.bind_text(job->sha256_hex).row()) {
+        fresh[job->sha256_hex] = {};
+        to_append.push_back(job);
+      } else {
+        // Stored already: kept until this batch names it, whatever
+        // another request deletes meanwhile.
+        store->in_flight.insert(job->sha256_hex);
+      }
+    }
+  }
+  // The bytes go out without the database's lock, so requests that only
+  // read it are not held up by the disk.
+  std::set<std::string> lost;
+  for (kfsd_write_job* job : to_append) {
+    kfsd_stream_loc& loc = fresh[job->sha256_hex];
+    loc.hex = job->sha256_hex;
+    if (!kfsd_pack_append(store, job->data, &loc)) {
+      lost.insert(job->sha256_hex);
+    }
+  }
+  if (sync && !to_append.empty() && !kfsd_pack_flush(store)) {
+    for (const auto& [hex, loc] : fresh) {
+      lost.insert(hex);
+    }
+  }
+
+  std::lock_guard<std::mutex> hold(store->mutex);
+  sqlite3* db = store->db;
+  kfsd_txn txn(db);
+  std::set<std::string> gone;
+  std::set<std::string> kept = std::move(store->in_flight);
+  store->in_flight.clear();
+  gone.insert(kept.begin(), kept.end());  // unless a block names them now
+  kfsd_sql add(db, "INSERT OR IGNORE INTO streams VALUES(?, ?, ?, ?)");
+  bool ok = txn.ok();
+  for (kfsd_write_job* job : jobs) {
+    if (job->close) {
+      ok = ok && close_upload(db, job->version, &gone);
+      continue;
+    }
+    std::string path;
+    version_row upload;
+    if (lost.count(job->sha256_hex) != 0) {
+      set_status(job, ERR_IO);  // the block stays missing; the close sees it
+    } else if (!open_upload(db, job->version, &path, &upload)) {
+      set_status(job, ERR_BADKEY);
+    } else {
+      auto it = fresh.find(job->sha256_hex);
+      if (it != fresh.end()) {
+        const kfsd_stream_loc& loc = it->second;
+        add.reset();
+        add.bind_text(loc.hex).bind(loc.pack);
+        add.bind(static_cast<int64_t>(loc.offset));
+        ok = ok && add.bind(static_cast<int64_t>(loc.length)).run();
+      }
+      gone.insert(block_stream(db, job->version, job->index));
+      ok = ok && put_block(db, job->version, job->index,
+                           job->has_md5 ? job->md5 : nullptr, job->sha256_hex,
+                           job->data.size());
+      set_status(job, 0);
+    }
+  }
+  if (!ok || !txn.commit()) {
+    for (kfsd_write_job* job : jobs) {
+      set_status(job, ERR_IO);
+    }
+    return;  // the appended bytes stay unnamed; the next start sweeps them
+  }
+  for (kfsd_write_job* job : jobs) {
+    gone.erase(job->sha256_hex);
+  }
+  collect(store, gone);
 }
 
 uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
@@ -369,23 +460,29 @@ uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
   }
   kfsd_sql attr(db, "SELECT attr FROM versions WHERE id = ?");
   kfsd_sql blocks(db,
-                  "SELECT idx, stream, length FROM blocks WHERE version = ?"
-                  " ORDER BY idx");
+                  "SELECT b.idx, b.stream, b.length, s.pack, s.offset"
+                  " FROM blocks b LEFT JOIN streams s ON s.hex = b.stream"
+                  " WHERE b.version = ? ORDER BY b.idx");
   out->attr = attr.bind(current.id).row() ? attr.text(0) : "";
-  out->streams.clear();
-  out->lengths.clear();
+  out->blocks.clear();
   blocks.bind(current.id);
   while (blocks.row() &&
-         blocks.i64(0) == static_cast<int64_t>(out->streams.size())) {
-    out->streams.push_back(blocks.text(1));
-    out->lengths.push_back(static_cast<uint64_t>(blocks.i64(2)));
+         blocks.i64(0) == static_cast<int64_t>(out->blocks.size())) {
+    kfsd_stream_loc loc;
+    loc.hex = blocks.text(1);
+    loc.length = static_cast<uint64_t>(blocks.i64(2));
+    if (!blocks.is_null(3)) {
+      loc.pack = blocks.i64(3);
+      loc.offset = static_cast<uint64_t>(blocks.i64(4));
+    }
+    out->blocks.push_back(std::move(loc));
   }
   if (attr.failed() || blocks.failed() ||
-      out->streams.size() != current.block_count) {
+      out->blocks.size() != current.block_count) {
     return ERR_IO;
   }
-  for (const std::string& s : out->streams) {
-    ++store->pinned[s];
+  for (const kfsd_stream_loc& loc : out->blocks) {
+    ++store->pinned[loc.hex];
   }
   out->mtime = current.mtime;
   out->size = current.size;
@@ -393,15 +490,38 @@ uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
 }
 
 void kfsd_store_unpin(kfsd_store* store,
-                      const std::vector<std::string>& streams) {
+                      const std::vector<kfsd_stream_loc>& blocks) {
   std::lock_guard<std::mutex> hold(store->mutex);
   std::set<std::string> released;
-  for (const std::string& s : streams) {
-    auto it = store->pinned.find(s);
+  for (const kfsd_stream_loc& loc : blocks) {
+    auto it = store->pinned.find(loc.hex);
     if (it != store->pinned.end() && --it->second == 0) {
       store->pinned.erase(it);
-      released.insert(s);
+      released.insert(loc.hex);
     }
   }
   collect(store, released);
+}
+
+bool kfsd_store_locate(kfsd_store* store, const std::string& hex,
+                       kfsd_stream_loc* out) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  out->hex = hex;
+  out->pack = -1;
+  out->offset = 0;
+  kfsd_sql q(store->db,
+             "SELECT pack, offset, length FROM streams WHERE hex = ?");
+  if (q.bind_text(hex).row()) {
+    out->pack = q.i64(0);
+    out->offset = static_cast<uint64_t>(q.i64(1));
+    out->length = static_cast<uint64_t>(q.i64(2));
+    return true;
+  }
+  kfsd_sql named(store->db,
+                 "SELECT length FROM blocks WHERE stream = ? LIMIT 1");
+  if (!named.bind_text(hex).row()) {
+    return false;
+  }
+  out->length = static_cast<uint64_t>(named.i64(0));
+  return true;
 }
