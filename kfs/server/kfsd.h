@@ -2,8 +2,8 @@
 // protocol: the service the agent's tests and demo run against, and what a
 // user who hosts their own storage runs. A data folder holds everything:
 // the server's RSA key, an SQLite database of users, directories, file
-// versions and block digests, and the block streams as files named by the
-// SHA-256 of their bytes.
+// versions and block digests, and the block streams, each kept once under
+// the SHA-256 of its bytes in pack files that are only ever appended to.
 #pragma once
 
 // Runs the command line (argv[0] is the program): init, user add, serve.

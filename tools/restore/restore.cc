@@ -208,6 +208,7 @@ class restore_job {
       if (rc != RESTORE_EXIT_OK) {
         return rc;
       }
+      flush_restored();
     }
     progress_.end();
     if (wrong_key_) {
@@ -506,6 +507,16 @@ class restore_job {
     return RESTORE_EXIT_OK;
   }
 
+  // Everything restored, on disk before the summary says so: one sync of
+  // the file system the files went to.
+  void flush_restored() {
+    unique_fd fd(open(o_.local.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd || syncfs(fd.get()) != 0) {
+      report_failure(o_.local, std::string("cannot flush the restored files: ") +
+                                   strerror(errno));
+    }
+  }
+
   void restore_file(const remote_entry& e, const std::string& target) {
     struct stat st;
     if (lstat(target.c_str(), &st) == 0) {
@@ -606,8 +617,9 @@ class restore_job {
     return status;
   }
 
-  // Length, permission bits, modification time, and on disk before the
-  // rename, so that the real name never shows a partial file.
+  // Length, permission bits and modification time, before the rename, so
+  // that the real name never shows a partial file. Flushing waits for the
+  // end of the run (one sync for every file, not one each).
   bool finish_file(int fd, const kfs_ropen_args& info, local_writer& out,
                    std::string* why) {
     if (!out.finish(why)) {
@@ -619,7 +631,7 @@ class restore_job {
     }
     struct timespec times[2] = {{0, UTIME_NOW}, {0, 0}};
     times[1].tv_sec = static_cast<time_t>(service_time(info.mtime));
-    if (futimens(fd, times) != 0 || fsync(fd) != 0) {
+    if (futimens(fd, times) != 0) {
       *why = std::string("cannot finish it: ") + strerror(errno);
       return false;
     }

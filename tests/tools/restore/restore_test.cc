@@ -346,6 +346,31 @@ TEST_F(RoundTrip, SaysWhyNothingCanBeRestored) {
   EXPECT_NE(r.err.find("no server in"), std::string::npos) << r.err;
 }
 
+TEST_F(RoundTrip, AFolderOfTheLayoutBeforePacksIsUpgradedInPlace) {
+  // Written by the kfsd before packs: its streams are files of their own.
+  svc_.dir = dir();
+  svc_.data = dir() + "/old";
+  ASSERT_EQ(system(("cp -r " KFSD_1_FOLDER " " + svc_.data).c_str()), 0);
+  ASSERT_TRUE(svc_.server.start(svc_.data));
+  svc_.point_restore_at(svc_.server.port());
+  run_result r = restore({"/7/Today/tmp/kfsd-1-fixture/src", dir() + "/back"},
+                         svc_.data + "/keys/7.key");
+  ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
+  std::string blocks;
+  for (int i = 0; i < 10000; ++i) {
+    blocks += static_cast<char>((i * 7 + 3) % 251);
+  }
+  const std::pair<const char*, std::string> files[] = {
+      {"small.txt", "hello\n"},
+      {"empty", ""},
+      {"sub/deeper.txt", "deeper\n"},
+      {"blocks.bin", blocks}};
+  for (const auto& [name, bytes] : files) {
+    EXPECT_EQ(read_file(dir() + "/back/src/" + name), bytes) << name;
+  }
+  EXPECT_EQ(svc_.check_store(), "");
+}
+
 TEST_F(RoundTrip, UsageErrors) {
   const std::vector<std::string> cases[] = {
       {},
