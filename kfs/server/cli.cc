@@ -25,7 +25,7 @@ constexpr char kUsage[] =
     "       kfsd serve DIR [--listen ADDRESS:PORT] [--block-size BYTES]"
     " [--port-file FILE]\n"
     "                      [--announce HOST:PORT]... [--redirect]"
-    " [--no-sync] [--verbose]\n"
+    " [--verbose]\n"
     "       kfsd check DIR\n";
 
 // The client keeps the user name in 21 bytes and a host in 16, both with
@@ -256,7 +256,12 @@ int run_serve(int argc, char** argv) {
   }
   s.redirect = opt.count("--redirect") != 0;
   s.verbose = opt.count("--verbose") != 0;
-  s.sync = opt.count("--no-sync") == 0;
+  if (opt.count("--no-sync") != 0) {
+    // Kept for command lines written for older versions: flushes are
+    // batched off the request path now, and skipping them saved nothing.
+    fputs("kfsd: --no-sync is ignored: writes are flushed once a batch\n",
+          stderr);
+  }
   return kfsd_serve(s);
 }
 

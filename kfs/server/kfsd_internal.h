@@ -307,9 +307,9 @@ struct kfsd_settings {
   uint32_t block_size = KFSD_DEFAULT_BLOCK_SIZE;
   std::vector<kfsd_announce> announce;  // at most 2
   bool redirect = false;
-  // Streams and rows are flushed once a batch, before the stamp that
-  // covers them is stored; --no-sync leaves that to the kernel (a crash of
-  // the server is still safe, a power loss may take the last run with it).
+  // Streams are flushed once a batch, before the rows and the stamp that
+  // name them. Off only where nothing must outlive the process (the fuzz
+  // targets' stores).
   bool sync = true;
   bool verbose = false;
 };

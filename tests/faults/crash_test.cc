@@ -129,7 +129,7 @@ TEST_F(Crash, AgentKilledAtRandomMomentsLosesNothing) {
 
 TEST_F(Crash, ServerKilledAndRestartedMidRunLosesNothing) {
   std::vector<std::string> serve = {
-      "--block-size", std::to_string(kBlock), "--no-sync", "--listen",
+      "--block-size", std::to_string(kBlock), "--listen",
       "127.0.0.1:" + std::to_string(svc_.server.port())};
   for (int trial = 0; trial < 20; ++trial) {
     SCOPED_TRACE("trial " + std::to_string(trial));

@@ -163,7 +163,7 @@ class Load : public TempDirTest {
     add_agent("shared-a", kSharedUser, 1);
     add_agent("shared-b", kSharedUser, 2);
     ASSERT_TRUE(server_.start(
-        data_, {"--block-size", std::to_string(kBlock), "--no-sync"}));
+        data_, {"--block-size", std::to_string(kBlock)}));
     idle_peak_ = peak_rss_kib(server_.pid());
     for (const agent& a : agents_) {
       write_file(a.root + "/etc/hosts",

@@ -26,8 +26,7 @@ bool backup_service::start(const std::string& where, uint32_t block,
   }
   kfsd_init(data);
   kfsd_add_user(data, 7, "alice", root + "/etc/account.key");
-  std::vector<std::string> args = {"--block-size", std::to_string(block),
-                                   "--no-sync"};
+  std::vector<std::string> args = {"--block-size", std::to_string(block)};
   args.insert(args.end(), extra.begin(), extra.end());
   if (!server.start(data, args)) {
     return false;

@@ -16,7 +16,7 @@
 // the error list; a failure report reads "failed: <message>".
 class backup_service {
  public:
-  // Lays out dir/root and dir/data and starts kfsd (--no-sync) with the
+  // Lays out dir/root and dir/data and starts kfsd with the
   // block size and the extra arguments. False when kfsd would not start.
   bool start(const std::string& dir, uint32_t block_size = 4096,
              const std::vector<std::string>& extra = {});
