@@ -371,6 +371,42 @@ TEST_F(RoundTrip, AFolderOfTheLayoutBeforePacksIsUpgradedInPlace) {
   EXPECT_EQ(svc_.check_store(), "");
 }
 
+// kfsd check reads every stream where it lies: a changed byte or a cut in
+// a pack, or in a stream file of the older layout, is reported.
+TEST_F(RoundTrip, CheckFindsDamagedStreams) {
+  start();
+  make_tree(dir() + "/src", {"small", 5, 2, 8, 3 * kBlock});
+  back_up(dir() + "/src");
+  std::string pack = svc_.data + "/packs/00000001.pack";
+  std::string loose = dir() + "/old/blocks/0e/"
+                      "0e8ba705a2b13a59c6453687b021e83523901c3684772804051562"
+                      "432f6f1073";
+  ASSERT_EQ(system(("cp -r " KFSD_1_FOLDER " " + dir() + "/old").c_str()), 0);
+  const struct {
+    const char* name;
+    std::string data, file;
+    bool cut;
+  } damages[] = {{"a byte of a pack", svc_.data, pack, false},
+                 {"the end of a pack", svc_.data, pack, true},
+                 {"a stream file of its own", dir() + "/old", loose, false}};
+  for (const auto& d : damages) {
+    SCOPED_TRACE(d.name);
+    svc_.data = d.data;
+    ASSERT_EQ(svc_.check_store(), "");
+    std::string bytes = read_file(d.file);
+    ASSERT_FALSE(bytes.empty());
+    std::string damaged = bytes;
+    if (d.cut) {
+      damaged.resize(bytes.size() - 1);
+    } else {
+      damaged[bytes.size() / 2] ^= 0x20;
+    }
+    write_file(d.file, damaged);
+    EXPECT_NE(svc_.check_store().find("stream "), std::string::npos);
+    write_file(d.file, bytes);
+  }
+}
+
 TEST_F(RoundTrip, UsageErrors) {
   const std::vector<std::string> cases[] = {
       {},
