@@ -14,14 +14,15 @@ import subprocess
 import sys
 from collections import defaultdict
 
-TOOLS = ["kovrabackup", "kovrabackup-nosync", "borg", "restic", "rsync"]
-KOVRA = ("kovrabackup", "kovrabackup-nosync")
-NAMES = {"kovrabackup": "kovrabackup (agent), kfsd flushing every block",
-         "kovrabackup-nosync": "kovrabackup (agent), kfsd --no-sync"}
+TOOLS = ["kovrabackup", "borg", "restic", "rsync"]
+KOVRA = ("kovrabackup",)
+NAMES = {"kovrabackup": "kovrabackup (agent and kovrarestore), kfsd"}
 OTHERS = ["borg", "restic", "rsync"]
 # Short enough for the plot's axis.
-PLOT_LABELS = {"kovrabackup-nosync": "kovra no-sync"}
+PLOT_LABELS = {}
 PHASES = ["first", "no-change", "mutate"]
+# The backups' phases, then the restore of the first backup.
+ALL_PHASES = PHASES + ["restore"]
 LIMITS = ["find", "read", "deflate-9", "chain"]
 MIB = 1024.0
 
@@ -90,11 +91,11 @@ def fmt_ratio(med_pairs):
 
 def corpus_table(res, corpus, nbytes):
     out = ["| tool | first (s) | MB/s | no-change (s) | mutate (s) | "
-           "CPU first (s) | peak memory (MiB) first / no-change / mutate "
-           "| stored (MB) |",
-           "|---|---:|---:|---:|---:|---:|---|---:|"]
+           "restore (s) | CPU first (s) | peak memory (MiB) first / "
+           "no-change / mutate | stored (MB) |",
+           "|---|---:|---:|---:|---:|---:|---:|---|---:|"]
     for tool in TOOLS:
-        m = {p: res.median(tool, corpus, p, "wall_s") for p in PHASES}
+        m = {p: res.median(tool, corpus, p, "wall_s") for p in ALL_PHASES}
         if m["first"] is None:
             continue
         mem = " / ".join(fmt_mib(res.median(tool, corpus, p, "rss_kib"))
@@ -110,12 +111,14 @@ def corpus_table(res, corpus, nbytes):
         out.append(f"| {name} | {fmt_s(m['first'])} | "
                    f"{rate(nbytes, m['first'])} | "
                    f"{fmt_s(m['no-change'])} | {fmt_s(m['mutate'])} | "
+                   f"{fmt_s(m['restore'])} | "
                    f"{cpu_text} | {mem} | {fmt_mb(stored)} |")
         if tool in KOVRA:
             smem = " / ".join(
                 fmt_mib(res.median(tool, corpus, p, "server_rss_kib"))
                 for p in PHASES)
-            out.append(f"| kfsd (server of the above) | | | | | | {smem} | |")
+            out.append(
+                f"| kfsd (server of the above) | | | | | | | {smem} | |")
     return "\n".join(out)
 
 
@@ -139,23 +142,21 @@ def limits_table(res, corpus, nbytes):
 
 def ratio_table(res, corpus):
     out = ["| pair (time of the first ÷ time of the second) | first | "
-           "no-change | mutate |", "|---|---|---|---|"]
+           "no-change | mutate | restore |", "|---|---|---|---|---|"]
     pairs = [("kovrabackup", o) for o in OTHERS]
-    pairs += [("kovrabackup-nosync", "borg"),
-              ("kovrabackup", "kovrabackup-nosync")]
     for a, b in pairs:
         cells = [fmt_ratio(res.ratio((a, corpus, p), (b, corpus, p)))
-                 for p in PHASES]
+                 for p in ALL_PHASES]
         out.append(f"| {a} ÷ {b} | " + " | ".join(cells) + " |")
     for tool in KOVRA:
         for limit in ("deflate-9", "chain"):
             out.append(f"| {tool} ÷ {limit} | " + fmt_ratio(
                 res.ratio((tool, corpus, "first"),
-                          (limit, corpus, "walk"))) + " | | |")
+                          (limit, corpus, "walk"))) + " | | | |")
     return "\n".join(out)
 
 
-def targets(res, fci_peak_kib):
+def targets(res, fci_peak_kib, small_files):
     rows = []
 
     def add(text, value, ok, shown):
@@ -166,17 +167,38 @@ def targets(res, fci_peak_kib):
         if med is not None:
             add(f"filter chain ≥ 0.95 of deflate-9 throughput ({c})", med,
                 med >= 0.95, f"{med:.3f}")
-    for c in ("large", "small"):
-        for tool in KOVRA:
-            how = "" if tool == "kovrabackup" else ", kfsd --no-sync"
-            med, _ = res.ratio(("deflate-9", c, "walk"), (tool, c, "first"))
-            if med is not None:
-                add(f"first backup ≥ 0.9 of deflate-9 throughput ({c}{how})",
-                    med, med >= 0.9, f"{med:.3f}")
-            med, _ = res.ratio((tool, c, "first"), ("borg", c, "first"))
-            if med is not None:
-                add(f"first backup faster than borg ({c}{how}; time ratio)",
-                    med, med < 1, f"{med:.3f}")
+    med, _ = res.ratio(("deflate-9", "large", "walk"),
+                       ("kovrabackup", "large", "first"))
+    if med is not None:
+        add("first backup ≥ 0.9 of deflate-9 throughput (large)", med,
+            med >= 0.9, f"{med:.3f}")
+    med, _ = res.ratio(("kovrabackup", "small", "first"),
+                       ("deflate-9", "small", "walk"))
+    if med is not None:
+        add("first backup ≤ 1.25 × the deflate-9 time (small)", med,
+            med <= 1.25, f"{med:.3f}")
+    for c, limit in (("small", 0.9), ("large", 1.0)):
+        med, _ = res.ratio(("kovrabackup", c, "first"), ("borg", c, "first"))
+        if med is not None:
+            add(f"first backup ≤ {limit} × borg's time ({c})", med,
+                med <= limit, f"{med:.3f}")
+    for other, limit in (("borg", 0.5), ("restic", 1.5)):
+        med, _ = res.ratio(("kovrabackup", "small", "restore"),
+                           (other, "small", "restore"))
+        if med is not None:
+            add(f"restore (small) ≤ {limit} × {other}'s time", med,
+                med <= limit, f"{med:.3f}")
+    server = res.median("kovrabackup", "small", "first", "server_cpu_s")
+    agent = res.median("kovrabackup", "small", "first", "cpu_s")
+    chain = res.median("chain", "small", "walk", "cpu_s")
+    if server is not None and small_files:
+        us = server / small_files * 1e6
+        add("kfsd CPU per stored file ≤ 100 µs (small, first)", us,
+            us <= 100, f"{us:.0f} µs")
+    if agent is not None and chain is not None and small_files:
+        us = (agent - chain) / small_files * 1e6
+        add("agent CPU beyond the filter chain ≤ 60 µs per file (small)", us,
+            us <= 60, f"{us:.0f} µs")
     for other, limit in (("rsync", 1.0), ("restic", 0.15), ("borg", 0.1)):
         med, _ = res.ratio(("kovrabackup", "small", "no-change"),
                            (other, "small", "no-change"))
@@ -202,7 +224,7 @@ def plot(res, out_dir):
             f.write(f"# {c}\n")
             for tool in TOOLS:
                 times = [res.median(tool, c, p, "wall_s") or 0
-                         for p in PHASES]
+                         for p in ALL_PHASES]
                 mem = max(res.median(tool, c, p, "rss_kib") or 0
                           for p in PHASES) / MIB
                 smem = max(res.median(tool, c, p, "server_rss_kib") or 0
@@ -219,12 +241,13 @@ set logscale y
 set ylabel "seconds (log scale)"
 set title "{c}: time per run (median)"
 plot "{data}" index {i} using 2:xtic(1) title "first", \\
-     "" index {i} using 3 title "no-change", "" index {i} using 4 title "mutate"
+     "" index {i} using 3 title "no-change", "" index {i} using 4 title "mutate", \\
+     "" index {i} using 5 title "restore"
 unset logscale y
 set ylabel "MiB"
 set title "{c}: peak resident memory (worst phase)"
-plot "{data}" index {i} using 5:xtic(1) title "client / tool", \\
-     "" index {i} using 6 title "kfsd"
+plot "{data}" index {i} using 6:xtic(1) title "client / tool", \\
+     "" index {i} using 7 title "kfsd"
 """
     script = f"""
 set terminal pngcairo size 1500,950 font ",10"
@@ -256,6 +279,8 @@ def main():
                         if w and w[0].isdigit())
 
     nbytes = {c: corpus_size(c) for c in ("small", "large")}
+    # The corpus line: "small: N files, ...".
+    small_files = int(meta["corpus_small"].split()[1])
     fci_text = open(os.path.join(work, "fci_bench.txt")).read().rstrip()
     fci_rss = res.median("fci_bench", "index", "million", "rss_kib")
     tree_kovra = res.median("kovrabackup", "tree", "no-change", "wall_s")
@@ -294,11 +319,9 @@ commit {m['commit']}, corpus scale {m['scale']}.
 
 ![time and memory per tool](benchmarks.png)
 
-(In the plot, "kovra no-sync" is kovrabackup against `kfsd --no-sync`.)
-
 ## Targets
 
-{targets(res, fci_rss)}
+{targets(res, fci_rss, small_files)}
 
 ## `small`: {m['corpus_small'].removeprefix('small: ')}
 
@@ -352,11 +375,10 @@ and the run after `mutate` follow on the same store.
 
 | tool | set-up | each run |
 |---|---|---|
-| kovrabackup | `kfsd init D; kfsd user add D --id 7 --name bench`; job file `Dest=/7/<corpus>`, `Src=<corpus dir>`; `kfsd serve D` (default: flushes every block) started before and stopped after each run | `kovrabackup <corpus>.job` |
-| kovrabackup-nosync | the same, with `kfsd serve D --no-sync` (blocks are not flushed to disk one by one) | the same |
-| restic | `restic -r R init` | `restic -r R backup <corpus dir>` |
-| borg | `borg init --encryption=repokey R` | `borg create --compression zlib,9 R::<phase> <corpus dir>` |
-| rsync | - | `rsync -a <corpus dir>/ <copy>/` |
+| kovrabackup | `kfsd init D; kfsd user add D --id 7 --name bench`; job file `Dest=/7/<corpus>`, `Src=<corpus dir>`; `kfsd serve D` started before and stopped after each run | `kovrabackup <corpus>.job`; restore: `kovrarestore --hosts H --key K --user 7 /7/<corpus><corpus dir> <empty dir>` |
+| restic | `restic -r R init` | `restic -r R backup <corpus dir>`; restore: `restic -r R restore latest --target <empty dir>` |
+| borg | `borg init --encryption=repokey R` | `borg create --compression zlib,9 R::<phase> <corpus dir>`; restore: `borg extract R::first` in an empty dir |
+| rsync | - | `rsync -a <corpus dir>/ <copy>/`; restore: `rsync -a <copy>/ <empty dir>/` |
 | limits | - | `find <dir> -size +1000000000000c`; `find <dir> -type f -print0 \\| xargs -0 cat`; `corpus deflate <dir>`; `corpus chain <dir>` |
 
 Versions: {m['restic']} (Debian {m['pkg_restic']}); {m['borg']} (Debian
