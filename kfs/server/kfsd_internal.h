@@ -465,6 +465,9 @@ uint8_t kfsd_free_handle(const Map& map) {
   return 0;
 }
 
+// "/<uid>/": what every path of that user starts with.
+std::string kfsd_user_prefix(uint32_t uid);
+
 // Whether the connection holds its user's lock.
 bool kfsd_holds_lock(kfsd_conn* conn);
 // Frees a handle: removes a partial stream, unpins read streams, and for a

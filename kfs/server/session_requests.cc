@@ -207,7 +207,7 @@ int kfsd_request_user_lock(kfsd_request* req) {
   // but must still store its stamp; only another holder's run wins. The
   // stamp says the run's files are kept: they are on disk before it is.
   if (!held_elsewhere) {
-    conn->server->writer->drain("/" + std::to_string(conn->uid) + "/");
+    conn->server->writer->drain(kfsd_user_prefix(conn->uid));
     req->status = kfsd_store_release_stamp(&conn->server->store, conn->uid,
                                            has_stamp, stamp);
   }
