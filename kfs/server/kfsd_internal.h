@@ -377,9 +377,9 @@ struct kfsd_listing {
 };
 
 // Runs the store's write jobs, in order, on a thread of its own, in
-// batches: every job queued while the previous batch ran goes into the
-// next, so the cost of a flush and a commit is shared by as many files as
-// arrive meanwhile. A request answers as soon as its job is queued; what
+// batches: a batch gathers the jobs that arrive within a few milliseconds
+// (at once when someone waits for it), so the cost of a flush and a commit
+// is shared by as many files as arrive meanwhile. A request answers as soon as its job is queued; what
 // could observe the difference waits for drain() first: an open or read
 // of a path for the jobs on it, a listing for those below it, a lock
 // release for all (so a stored stamp covers only what is durable).
@@ -410,6 +410,7 @@ class kfsd_writer {
   std::condition_variable changed_;
   std::deque<kfsd_write_job> queue_;  // the front batch may be running
   size_t queued_bytes_ = 0;
+  int waiting_ = 0;  // callers of drain()
   bool stopping_ = false;
   bool started_ = false;
   std::mutex batch_mutex_;  // one batch at a time without a thread

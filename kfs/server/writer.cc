@@ -1,4 +1,6 @@
 // The store's write jobs, run in batches off the request path.
+#include <chrono>
+
 #include "kfs/server/kfsd_internal.h"
 
 namespace {
@@ -8,6 +10,11 @@ namespace {
 constexpr size_t kMaxQueuedBytes = 64u << 20;
 // Jobs in one batch at the most: one transaction, one flush.
 constexpr size_t kMaxBatch = 4096;
+// Unless someone waits for it, a batch gathers jobs this long (or until it
+// has kFullBatch of them): a client that sends one small file at a time
+// would otherwise cost a flush and a commit per file.
+constexpr auto kGather = std::chrono::milliseconds(20);
+constexpr size_t kFullBatch = 512;
 
 bool concerns(const kfsd_write_job& job, const std::string& prefix) {
   return job.path.compare(0, prefix.size(), prefix) == 0;
@@ -54,6 +61,8 @@ void kfsd_writer::push(kfsd_write_job job) {
 
 void kfsd_writer::drain(const std::string& prefix) {
   std::unique_lock<std::mutex> hold(mutex_);
+  ++waiting_;  // the next batch goes now, without gathering
+  changed_.notify_all();
   changed_.wait(hold, [&] {
     for (const kfsd_write_job& job : queue_) {
       if (concerns(job, prefix)) {
@@ -62,6 +71,7 @@ void kfsd_writer::drain(const std::string& prefix) {
     }
     return true;
   });
+  --waiting_;
 }
 
 void kfsd_writer::run() {
@@ -71,6 +81,10 @@ void kfsd_writer::run() {
     if (queue_.empty()) {
       return;  // stopping, and everything is done
     }
+    changed_.wait_for(hold, kGather, [this] {
+      return stopping_ || waiting_ > 0 || queue_.size() >= kFullBatch ||
+             queued_bytes_ >= kMaxQueuedBytes / 2;
+    });
     // The batch stays at the front of the queue while it runs, so drain()
     // still sees it; pushes go behind it (a deque keeps references to its
     // elements valid when it grows at the back).
