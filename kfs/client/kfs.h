@@ -292,6 +292,12 @@ uint32_t kfs_packet_send(int sock, kfs_packet_cipher* ctx,
 uint32_t kfs_packet_recv(int sock, kfs_packet_cipher* ctx,
                          kfs_message* message);
 
+// Deciphers and checks one whole packet already in memory (the 6-byte
+// header and exactly the cipher text it announces) into message, as
+// kfs_packet_recv does after reading it: 0, or ERR_SCKREAD.
+uint32_t kfs_packet_decode(kfs_packet_cipher* ctx, const uint8_t* packet,
+                           size_t n, kfs_message* message);
+
 // As kfs_packet_recv, and also copies the packet exactly as received (6
 // header bytes and the cipher text) to raw, at most raw_size bytes, and
 // stores its full length in *raw_length.

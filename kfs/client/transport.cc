@@ -65,6 +65,36 @@ void discard(int sock, uint8_t* scratch, size_t scratch_size, uint32_t n) {
   }
 }
 
+uint32_t decode(kfs_packet_cipher* ctx, const uint8_t* cipher_text,
+                uint32_t cipher_length, uint32_t expected_crc,
+                kfs_message* message) {
+  // Deciphered into the context and copied only once checked, so a bad
+  // packet leaves the record as it was and a long one cannot overrun it.
+  int part = 0;
+  int last = 0;
+  int ok = EVP_DecryptUpdate(ctx->decrypt_ctx, ctx->cipher_text, &part,
+                             cipher_text, static_cast<int>(cipher_length));
+  if (ok == 1 && EVP_DecryptFinal_ex(ctx->decrypt_ctx, ctx->cipher_text + part,
+                                     &last) != 1) {
+    last = 0;  // bad padding: the checksum below rejects the packet
+  }
+  restart(ctx, ctx->decrypt_ctx, false);
+  if (ok != 1) {
+    return ERR_SCKREAD;
+  }
+  uint32_t plain_length = static_cast<uint32_t>(part + last);
+  if (plain_crc(ctx->cipher_text, plain_length) != expected_crc ||
+      plain_length < KFS_HEADER_SIZE || plain_length > KFS_BUFFER_SIZE ||
+      get_be16(ctx->cipher_text) > plain_length - KFS_HEADER_SIZE) {
+    return ERR_SCKREAD;
+  }
+  memcpy(message->buffer, ctx->cipher_text, plain_length);
+  decode_header(message);
+  memmove(message->buffer, message->buffer + KFS_HEADER_SIZE,
+          message->data_length);
+  return 0;
+}
+
 uint32_t receive(int sock, kfs_packet_cipher* ctx, kfs_message* message,
                  uint8_t* raw, size_t raw_size, uint32_t* raw_length) {
   if (sock_read_all(sock, ctx->header, KFS_HEADER_SIZE) != KFS_HEADER_SIZE) {
@@ -90,35 +120,27 @@ uint32_t receive(int sock, kfs_packet_cipher* ctx, kfs_message* message,
     size_t n = std::min<size_t>(raw_size, KFS_HEADER_SIZE + cipher_length);
     memcpy(raw, ctx->header, n);
   }
-
-  // Deciphered in place and copied only once checked, so a bad packet
-  // leaves the record as it was and a long one cannot overrun it.
-  int part = 0;
-  int last = 0;
-  int ok = EVP_DecryptUpdate(ctx->decrypt_ctx, ctx->cipher_text, &part,
-                             ctx->cipher_text, static_cast<int>(cipher_length));
-  if (ok == 1 && EVP_DecryptFinal_ex(ctx->decrypt_ctx, ctx->cipher_text + part,
-                                     &last) != 1) {
-    last = 0;  // bad padding: the checksum below rejects the packet
-  }
-  restart(ctx, ctx->decrypt_ctx, false);
-  if (ok != 1) {
-    return ERR_SCKREAD;
-  }
-  uint32_t plain_length = static_cast<uint32_t>(part + last);
-  if (plain_crc(ctx->cipher_text, plain_length) != expected_crc ||
-      plain_length < KFS_HEADER_SIZE || plain_length > KFS_BUFFER_SIZE ||
-      get_be16(ctx->cipher_text) > plain_length - KFS_HEADER_SIZE) {
-    return ERR_SCKREAD;
-  }
-  memcpy(message->buffer, ctx->cipher_text, plain_length);
-  decode_header(message);
-  memmove(message->buffer, message->buffer + KFS_HEADER_SIZE,
-          message->data_length);
-  return 0;
+  return decode(ctx, ctx->cipher_text, cipher_length, expected_crc, message);
 }
 
 }  // namespace
+
+uint32_t kfs_packet_decode(kfs_packet_cipher* ctx, const uint8_t* packet,
+                           size_t n, kfs_message* message) {
+  if (n < KFS_HEADER_SIZE) {
+    return ERR_SCKREAD;
+  }
+  uint32_t cipher_length = get_be16(packet);
+  if (cipher_length == 0) {
+    cipher_length = kMaxCipherLength;
+  }
+  if (n != KFS_HEADER_SIZE + cipher_length ||
+      cipher_length > KFS_CIPHER_TEXT_SIZE) {
+    return ERR_SCKREAD;
+  }
+  return decode(ctx, packet + KFS_HEADER_SIZE, cipher_length,
+                get_be32(packet + 2), message);
+}
 
 kfs_packet_cipher* kfs_cipher_new(int mode, const uint8_t key[KFS_KEY_SIZE],
                                   uint8_t cork) {

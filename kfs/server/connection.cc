@@ -2,6 +2,7 @@
 // answered until the peer leaves or misbehaves. Whatever the connection
 // held (its user's lock, open uploads and reads, listings) is given up
 // when it ends.
+#include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -11,6 +12,7 @@
 
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "kfs/client/kfs.h"
 #include "kfs/server/kfsd_internal.h"
@@ -92,14 +94,73 @@ void log_request(const kfsd_conn* conn, const kfs_message* in,
            action == KFSD_SILENT ? " (no reply)" : "");
 }
 
+// Packets as they arrive: a client sends a block's data, its end and the
+// file's close without waiting, so one read takes several at once instead
+// of two reads a packet.
+class packet_reader {
+ public:
+  explicit packet_reader(int sock) : sock_(sock), buffer_(kSize) {}
+
+  // The next whole packet, deciphered into message: 0, or ERR_SCKREAD for
+  // the end of the stream, a failed read or a packet that does not check.
+  uint32_t next(kfs_packet_cipher* cipher, kfs_message* message) {
+    if (!fill(KFS_HEADER_SIZE)) {
+      return ERR_SCKREAD;
+    }
+    uint32_t length =
+        static_cast<uint32_t>(buffer_[start_]) << 8 | buffer_[start_ + 1];
+    size_t whole = KFS_HEADER_SIZE + (length == 0 ? 65536 : length);
+    if (!fill(whole)) {
+      return ERR_SCKREAD;
+    }
+    uint32_t rc =
+        kfs_packet_decode(cipher, buffer_.data() + start_, whole, message);
+    start_ += whole;
+    return rc;
+  }
+
+ private:
+  static constexpr size_t kSize = 4 * (KFS_HEADER_SIZE + 65536);
+
+  // At least n bytes from start_ on: moves what is left to the front when
+  // the rest would not fit, then reads what the socket has.
+  bool fill(size_t n) {
+    if (end_ - start_ >= n) {
+      return true;
+    }
+    if (start_ + n > kSize) {
+      memmove(buffer_.data(), buffer_.data() + start_, end_ - start_);
+      end_ -= start_;
+      start_ = 0;
+    }
+    while (end_ - start_ < n) {
+      ssize_t got = recv(sock_, buffer_.data() + end_, kSize - end_, 0);
+      if (got < 0 && errno == EINTR) {
+        continue;
+      }
+      if (got <= 0) {
+        return false;
+      }
+      end_ += static_cast<size_t>(got);
+    }
+    return true;
+  }
+
+  int sock_;
+  std::vector<uint8_t> buffer_;
+  size_t start_ = 0;
+  size_t end_ = 0;
+};
+
 void serve(kfsd_conn* conn, kfs_packet_cipher* cipher) {
   malloc_ptr<kfs_message> in(
       static_cast<kfs_message*>(xzalloc(sizeof(kfs_message))));
   malloc_ptr<kfs_message> out(
       static_cast<kfs_message*>(xzalloc(sizeof(kfs_message))));
   bool verbose = conn->server->settings.verbose;
+  packet_reader packets(conn->sock);
   for (;;) {
-    if (kfs_packet_recv(conn->sock, cipher, in.get()) != 0) {
+    if (packets.next(cipher, in.get()) != 0) {
       if (verbose) {
         kfsd_log("#%llu closed: end of stream or a bad packet",
                  static_cast<unsigned long long>(conn->id));

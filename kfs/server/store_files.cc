@@ -194,6 +194,9 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
 
   std::lock_guard<std::mutex> hold(store->mutex);
   sqlite3* db = store->db;
+  // One transaction from the first look on: SQLite locks once, not per
+  // statement.
+  kfsd_txn txn(db);
   kfsd_sql entry(db, "SELECT is_dir FROM entries WHERE path = ?");
   bool exists = entry.bind_text(path.full).row();
   if (exists && entry.i64(0) != 0) {
@@ -209,7 +212,6 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
     }
   }
 
-  kfsd_txn txn(db);
   version_row current;
   version_row upload;
   bool has_current = find_version(db, path.full, 1, &current);

@@ -61,16 +61,20 @@ void kfsd_writer::push(kfsd_write_job job) {
 
 void kfsd_writer::drain(const std::string& prefix) {
   std::unique_lock<std::mutex> hold(mutex_);
-  ++waiting_;  // the next batch goes now, without gathering
-  changed_.notify_all();
-  changed_.wait(hold, [&] {
+  auto done = [&] {
     for (const kfsd_write_job& job : queue_) {
       if (concerns(job, prefix)) {
         return false;
       }
     }
     return true;
-  });
+  };
+  if (done()) {
+    return;  // the usual case: nothing queued concerns the caller
+  }
+  ++waiting_;  // the next batch goes now, without gathering
+  changed_.notify_all();
+  changed_.wait(hold, done);
   --waiting_;
 }
 
