@@ -282,13 +282,17 @@ void kfsd_connection_run(kfsd_server* server, uint64_t id, int sock) {
   for (auto& [handle, h] : conn.handles) {
     kfsd_handle_free(&conn, h.get());
   }
-  // What the client sent is stored before its lock goes to another run.
+  {
+    std::lock_guard<std::mutex> hold(server->lock_mutex);
+    auto it = server->locks.find(conn.uid);
+    if (conn.authenticated && it != server->locks.end() && it->second == id) {
+      server->locks.erase(it);
+    }
+  }
+  // The lock goes at once: an agent that lost its link logs in again and
+  // retries its lock within moments, and whatever it then looks at waits
+  // for the writes it depends on anyway. The flush still follows.
   if (conn.authenticated) {
     server->writer->drain(kfsd_user_prefix(conn.uid));
-  }
-  std::lock_guard<std::mutex> hold(server->lock_mutex);
-  auto it = server->locks.find(conn.uid);
-  if (conn.authenticated && it != server->locks.end() && it->second == id) {
-    server->locks.erase(it);
   }
 }

@@ -222,10 +222,17 @@ uint32_t kfsd_store_find_user(kfsd_store* store, const std::string& name,
 // Sum of the sizes of the user's complete files.
 uint64_t kfsd_store_bytes_used(kfsd_store* store, uint32_t id);
 // Stores the stamp of a lock release. While any upload of the user is
-// incomplete the stamp becomes 0 instead, with or without a stamp given,
-// so the agent's next run distrusts its index and compares listings.
+// incomplete, or after an unclean stop (below), the stamp becomes 0
+// instead, with or without a stamp given, so the agent's next run
+// distrusts its index and compares listings.
 uint32_t kfsd_store_release_stamp(kfsd_store* store, uint32_t id,
                                   bool has_stamp, uint32_t stamp);
+// Records, durably, that a server serves the store (running) or stopped
+// cleanly. Starting while the record says running means the last server
+// died: *unclean is set and every user's next stamped release stores 0
+// instead, so the run that spanned the death compares every folder and
+// sends again what was answered but lost. 0, or -1.
+int kfsd_store_mark_running(kfsd_store* store, bool running, bool* unclean);
 
 // Result codes as the requests answer them.
 uint32_t kfsd_store_mkdir(kfsd_store* store, uint32_t uid,
@@ -379,10 +386,10 @@ struct kfsd_listing {
 // Runs the store's write jobs, in order, on a thread of its own, in
 // batches: a batch gathers the jobs that arrive within a few milliseconds
 // (at once when someone waits for it), so the cost of a flush and a commit
-// is shared by as many files as arrive meanwhile. A request answers as soon as its job is queued; what
-// could observe the difference waits for drain() first: an open or read
-// of a path for the jobs on it, a listing for those below it, a lock
-// release for all (so a stored stamp covers only what is durable).
+// is shared by as many files as arrive meanwhile. A request answers as soon as
+// its job is queued; what could observe the difference waits for drain() first:
+// an open or read of a path for the jobs on it, a listing for those below it, a
+// lock release for all (so a stored stamp covers only what is durable).
 class kfsd_writer {
  public:
   explicit kfsd_writer(kfsd_server* server) : server_(server) {}

@@ -144,6 +144,16 @@ int load(kfsd_server* server) {
     return -1;
   }
   kfsd_store_sweep(&server->store);
+  bool unclean = false;
+  if (kfsd_store_mark_running(&server->store, true, &unclean) != 0) {
+    fprintf(stderr, "kfsd: %s: cannot be written\n", dir.c_str());
+    return -1;
+  }
+  if (unclean) {
+    kfsd_log(
+        "the last server did not stop cleanly: each user's next run "
+        "compares every folder");
+  }
   return 0;
 }
 
@@ -211,6 +221,10 @@ int kfsd_serve(const kfsd_settings& settings) {
     server->conn_gone.wait(hold, [&] { return server->conns.empty(); });
   }
   server->writer.reset();  // stores everything queued
+  bool unclean = false;
+  if (kfsd_store_mark_running(&server->store, false, &unclean) != 0) {
+    // The next start then withholds one stamp per user: only slower.
+  }
   kfsd_store_close(&server->store);
   EVP_PKEY_free(server->key);
   if (settings.verbose) {

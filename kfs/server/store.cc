@@ -23,7 +23,8 @@ constexpr char kSchema[] =
     "CREATE TABLE meta(name TEXT PRIMARY KEY, value TEXT NOT NULL);"
     "CREATE TABLE users(id INTEGER PRIMARY KEY, name TEXT NOT NULL,"
     " account TEXT NOT NULL, email TEXT NOT NULL, quota INTEGER NOT NULL,"
-    " key_sha1 BLOB NOT NULL, stamp INTEGER NOT NULL);"
+    " key_sha1 BLOB NOT NULL, stamp INTEGER NOT NULL,"
+    " distrust INTEGER NOT NULL DEFAULT 0);"
     // A user's root has parent ''.
     "CREATE TABLE entries(path TEXT PRIMARY KEY, user INTEGER NOT NULL,"
     " parent TEXT NOT NULL, name TEXT NOT NULL, is_dir INTEGER NOT NULL,"
@@ -49,9 +50,11 @@ constexpr char kSchema[] =
 
 // From schema 1: streams were files of their own, and still are until
 // they are replaced; new ones go to packs, which the streams table maps.
+// A user's distrust withholds the next stamp (after an unclean stop).
 constexpr char kUpgradeTo2[] =
     "CREATE TABLE streams(hex TEXT PRIMARY KEY, pack INTEGER NOT NULL,"
-    " offset INTEGER NOT NULL, length INTEGER NOT NULL) WITHOUT ROWID;";
+    " offset INTEGER NOT NULL, length INTEGER NOT NULL) WITHOUT ROWID;"
+    "ALTER TABLE users ADD COLUMN distrust INTEGER NOT NULL DEFAULT 0;";
 
 bool exec(sqlite3* db, const char* sql) {
   return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
@@ -219,7 +222,9 @@ uint32_t kfsd_store_add_user(kfsd_store* store, const kfsd_user& user) {
   if (find.bind(user.id).row()) {
     return ERR_EXISTS;
   }
-  kfsd_sql add(store->db, "INSERT INTO users VALUES(?, ?, ?, ?, ?, ?, 0)");
+  kfsd_sql add(store->db,
+               "INSERT INTO users(id, name, account, email, quota, key_sha1,"
+               " stamp) VALUES(?, ?, ?, ?, ?, ?, 0)");
   add.bind(user.id).bind_text(user.name).bind_text(user.account);
   add.bind_text(user.email).bind(static_cast<int64_t>(user.quota));
   add.bind_blob(user.key_sha1, sizeof user.key_sha1);
@@ -288,21 +293,55 @@ uint32_t kfsd_store_release_stamp(kfsd_store* store, uint32_t id,
   kfsd_sql pending(store->db,
                    "SELECT 1 FROM versions WHERE user = ? AND complete = 0"
                    " LIMIT 1");
+  kfsd_sql user(store->db, "SELECT distrust FROM users WHERE id = ?");
   bool incomplete = pending.bind(id).row();
-  if (pending.failed()) {
+  bool distrust = user.bind(id).row() && user.i64(0) != 0;
+  if (pending.failed() || user.failed()) {
     return ERR_IO;
   }
-  if (!has_stamp && !incomplete) {
+  if (!has_stamp && !incomplete && !distrust) {
     return 0;
   }
   // Flushed with the log before the answer: the agent trusts its index
-  // from now on only as far as this stamp survives a power cut.
+  // from now on only as far as this stamp survives a power cut. Only a
+  // stamped release ends a distrust: that is the end of a run, and the
+  // next one compares everything with the listings.
   exec(store->db, "PRAGMA synchronous=FULL");
-  kfsd_sql set(store->db, "UPDATE users SET stamp = ? WHERE id = ?");
-  set.bind(incomplete ? 0 : stamp).bind(id);
-  bool ok = set.run();
+  kfsd_sql set(store->db,
+               "UPDATE users SET stamp = ?, distrust = distrust AND NOT ?"
+               " WHERE id = ?");
+  set.bind(incomplete || distrust ? 0 : stamp).bind(has_stamp ? 1 : 0);
+  bool ok = set.bind(id).run();
   exec(store->db, "PRAGMA synchronous=NORMAL");
   return ok ? ERR_NONE : ERR_IO;
+}
+
+int kfsd_store_mark_running(kfsd_store* store, bool running, bool* unclean) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  sqlite3* db = store->db;
+  exec(db, "PRAGMA synchronous=FULL");
+  bool ok = exec(db, "BEGIN IMMEDIATE");
+  bool was_running = false;
+  if (ok) {
+    kfsd_sql q(db, "SELECT value FROM meta WHERE name = 'running'");
+    was_running = q.row() && q.text(0) == "1";
+    ok = !q.failed();
+  }
+  // What a server that died had answered may never have reached the disk:
+  // every user's next run is to compare, not trust its index.
+  if (ok && running && was_running) {
+    ok = exec(db, "UPDATE users SET distrust = 1");
+  }
+  if (ok) {
+    kfsd_sql set(db, "INSERT OR REPLACE INTO meta VALUES('running', ?)");
+    ok = set.bind_text(running ? "1" : "0").run() && exec(db, "COMMIT");
+  }
+  if (!ok) {
+    exec(db, "ROLLBACK");
+  }
+  exec(db, "PRAGMA synchronous=NORMAL");
+  *unclean = running && was_running;
+  return ok ? 0 : -1;
 }
 
 uint32_t kfsd_store_mkdir(kfsd_store* store, uint32_t uid,

@@ -2,6 +2,8 @@
 // modes, login, the user lock across connections with its stamp, login
 // redirection, and e-mail to the outbox.
 
+#include <signal.h>
+
 #include <string>
 #include <vector>
 
@@ -91,6 +93,21 @@ TEST_F(Session, ReleaseStoresStampUnlessAnUploadIsIncomplete) {
   EXPECT_EQ(c.call(KFS_USER_LOCK, wire().u8(5).u32(1700000100).b), 0);
   ASSERT_EQ(c.login(7, kKey7, &reply), 0);
   EXPECT_EQ(parse_login(reply).agent_time, 0u);
+
+  // After a server that was killed, each user's next stamp is withheld
+  // once: what it had answered but not stored is then compared again.
+  kill(server_.pid(), SIGKILL);
+  server_.stop();
+  ASSERT_TRUE(server_.start(data_dir()));
+  for (uint32_t want : {0u, 1700000300u}) {
+    test_client k;
+    ASSERT_TRUE(k.connect(port()));
+    ASSERT_EQ(k.login(8, kKey8), 0);
+    ASSERT_EQ(k.lock(8), 0);
+    EXPECT_EQ(k.call(KFS_USER_LOCK, wire().u8(5).u32(1700000300).b), 0);
+    ASSERT_EQ(k.login(8, kKey8, &reply), 0);
+    EXPECT_EQ(parse_login(reply).agent_time, want);
+  }
 }
 
 }  // namespace
