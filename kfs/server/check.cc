@@ -83,16 +83,10 @@ void check_streams(kfsd_store* store, std::vector<std::string>* problems) {
              " FROM blocks b LEFT JOIN streams s ON s.hex = b.stream"
              " WHERE b.received = 1");
   while (q.row()) {
-    kfsd_stream_loc loc;
-    loc.hex = q.text(0);
-    loc.length = static_cast<uint64_t>(q.i64(1));
-    if (!q.is_null(2)) {
-      loc.pack = q.i64(2);
-      loc.offset = static_cast<uint64_t>(q.i64(3));
-      if (static_cast<uint64_t>(q.i64(4)) != loc.length) {
-        problems->push_back("stream " + loc.hex +
-                            ": its pack range and its blocks disagree");
-      }
+    kfsd_stream_loc loc = kfsd_stream_row(&q, 0);
+    if (loc.pack >= 0 && static_cast<uint64_t>(q.i64(4)) != loc.length) {
+      problems->push_back("stream " + loc.hex +
+                          ": its pack range and its blocks disagree");
     }
     auto [it, added] = streams.emplace(loc.hex, loc);
     if (!added && it->second.length != loc.length) {

@@ -277,6 +277,9 @@ uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
                           kfsd_ropen_result* out);
 void kfsd_store_unpin(kfsd_store* store,
                       const std::vector<kfsd_stream_loc>& blocks);
+// A stream's place from a row of (stream, length, pack, offset) starting
+// at column col, pack and offset NULL for a file of its own.
+kfsd_stream_loc kfsd_stream_row(kfsd_sql* q, int col);
 // Where a stream lies: false when the store does not hold it.
 bool kfsd_store_locate(kfsd_store* store, const std::string& hex,
                        kfsd_stream_loc* out);

@@ -470,14 +470,7 @@ uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
   blocks.bind(current.id);
   while (blocks.row() &&
          blocks.i64(0) == static_cast<int64_t>(out->blocks.size())) {
-    kfsd_stream_loc loc;
-    loc.hex = blocks.text(1);
-    loc.length = static_cast<uint64_t>(blocks.i64(2));
-    if (!blocks.is_null(3)) {
-      loc.pack = blocks.i64(3);
-      loc.offset = static_cast<uint64_t>(blocks.i64(4));
-    }
-    out->blocks.push_back(std::move(loc));
+    out->blocks.push_back(kfsd_stream_row(&blocks, 1));
   }
   if (attr.failed() || blocks.failed() ||
       out->blocks.size() != current.block_count) {
@@ -503,6 +496,17 @@ void kfsd_store_unpin(kfsd_store* store,
     }
   }
   collect(store, released);
+}
+
+kfsd_stream_loc kfsd_stream_row(kfsd_sql* q, int col) {
+  kfsd_stream_loc loc;
+  loc.hex = q->text(col);
+  loc.length = static_cast<uint64_t>(q->i64(col + 1));
+  if (!q->is_null(col + 2)) {
+    loc.pack = q->i64(col + 2);
+    loc.offset = static_cast<uint64_t>(q->i64(col + 3));
+  }
+  return loc;
 }
 
 bool kfsd_store_locate(kfsd_store* store, const std::string& hex,
