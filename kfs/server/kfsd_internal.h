@@ -280,9 +280,6 @@ void kfsd_store_unpin(kfsd_store* store,
 // A stream's place from a row of (stream, length, pack, offset) starting
 // at column col, pack and offset NULL for a file of its own.
 kfsd_stream_loc kfsd_stream_row(kfsd_sql* q, int col);
-// Where a stream lies: false when the store does not hold it.
-bool kfsd_store_locate(kfsd_store* store, const std::string& hex,
-                       kfsd_stream_loc* out);
 // Opens the file a stream lies in for reading (pread at its offset); -1
 // with errno when it cannot be.
 int kfsd_stream_open(const kfsd_store* store, const kfsd_stream_loc& loc);

@@ -508,26 +508,3 @@ kfsd_stream_loc kfsd_stream_row(kfsd_sql* q, int col) {
   }
   return loc;
 }
-
-bool kfsd_store_locate(kfsd_store* store, const std::string& hex,
-                       kfsd_stream_loc* out) {
-  std::lock_guard<std::mutex> hold(store->mutex);
-  out->hex = hex;
-  out->pack = -1;
-  out->offset = 0;
-  kfsd_sql q(store->db,
-             "SELECT pack, offset, length FROM streams WHERE hex = ?");
-  if (q.bind_text(hex).row()) {
-    out->pack = q.i64(0);
-    out->offset = static_cast<uint64_t>(q.i64(1));
-    out->length = static_cast<uint64_t>(q.i64(2));
-    return true;
-  }
-  kfsd_sql named(store->db,
-                 "SELECT length FROM blocks WHERE stream = ? LIMIT 1");
-  if (!named.bind_text(hex).row()) {
-    return false;
-  }
-  out->length = static_cast<uint64_t>(named.i64(0));
-  return true;
-}
