@@ -22,10 +22,13 @@ int kfsd_request_mkdir(kfsd_request* req) {
   if (!kfsd_request_path(req, raw, &path)) {
     return KFSD_REPLY;
   }
+  if (!kfsd_holds_lock(req->conn)) {
+    req->status = ERR_ACCESS;
+    return KFSD_REPLY;
+  }
+  req->conn->server->writer->drain(path.full);  // a file's entry may be queued
   req->status =
-      !kfsd_holds_lock(req->conn)
-          ? ERR_ACCESS
-          : kfsd_store_mkdir(&req->conn->server->store, req->conn->uid, path);
+      kfsd_store_mkdir(&req->conn->server->store, req->conn->uid, path);
   return KFSD_REPLY;
 }
 

@@ -45,6 +45,10 @@ uint32_t begin_block(kfsd_conn* conn, kfsd_handle* h, const uint8_t* md5) {
   }
   ++h->block;
   if (md5 != nullptr) {
+    if (h->rows_queued) {  // the digests are compared with the upload's rows
+      conn->server->writer->drain(h->path);
+      h->rows_queued = false;
+    }
     uint32_t r = kfsd_store_skip_block(&conn->server->store, h->version,
                                        static_cast<uint32_t>(h->block), md5);
     if (r != 0) {
@@ -159,8 +163,14 @@ int kfsd_request_wopen(kfsd_request* req) {
   if (req->status != 0) {
     return KFSD_REPLY;
   }
+  kfsd_write_job job;
+  job.version = r.version;
+  job.path = path.full;
+  job.open = std::move(r.rows);
+  conn->server->writer->push(std::move(job));
   auto h = std::make_unique<kfsd_handle>();
   h->writing = true;
+  h->rows_queued = true;
   h->version = r.version;
   h->path = path.full;
   h->block_count = r.block_count;

@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -91,6 +92,11 @@ struct kfsd_store {
   // Stored streams that the running write batch will name again: kept
   // even if every block naming them goes meanwhile.
   std::set<std::string> in_flight;
+  // Uploads get their version ids here, before their rows are written.
+  int64_t next_version = 1;
+  // Users whose queued rows a failed batch lost: their next stamp is
+  // withheld, as after an unclean stop.
+  std::set<uint32_t> lost_rows;
   uint64_t temp_counter = 0;
   // The pack being appended to (by one batch at a time); a new one is
   // begun at every start, so a pack never grows past a crash.
@@ -129,11 +135,28 @@ struct kfsd_entry {
   std::string name;
 };
 
+// What a write open adds or changes, written with the next batch: its
+// answer needs only what was read.
+struct kfsd_open_rows {
+  uint32_t user = 0;
+  std::string parent;
+  std::string name;
+  bool new_entry = false;
+  int64_t replaced = 0;  // an upload to delete first, or 0
+  bool resume = false;   // the version exists: new time and attributes
+  int64_t mtime = 0;
+  uint64_t size = 0;
+  uint32_t block_size = 0;
+  uint32_t block_count = 0;
+  std::string attr;
+};
+
 struct kfsd_wopen_result {
   int64_t version = 0;
   uint32_t block_size = 0;
   uint32_t block_count = 0;
   uint32_t comparable = 0;
+  kfsd_open_rows rows;
 };
 
 struct kfsd_ropen_result {
@@ -240,6 +263,10 @@ uint32_t kfsd_store_mkdir(kfsd_store* store, uint32_t uid,
 uint32_t kfsd_store_list(kfsd_store* store, const kfsd_path& dir,
                          const std::string& pattern,
                          std::vector<kfsd_entry>* out);
+// Reads what a write open answers and plans its rows (out->rows, to be
+// queued with the upload's blocks); nothing is written but the removal of
+// a stale upload when the file is up to date (ERR_UP2DATE). REQUIRES: no
+// queued job concerns the path.
 uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
                           const kfsd_path& path, int64_t mtime, uint64_t size,
                           const std::string& attr, uint32_t base_block_size,
@@ -250,13 +277,15 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
 uint32_t kfsd_store_skip_block(kfsd_store* store, int64_t version,
                                uint32_t index, const uint8_t md5[16]);
 
-// The part of an upload that no reply need wait for: a block's end (its
-// stream to store and record) or a file's close (the upload becomes the
-// path's version when every block was received, else stays pending).
+// The part of an upload that no reply need wait for: an open's rows, a
+// block's end (its stream to store and record) or a file's close (the
+// upload becomes the path's version when every block was received, else
+// stays pending).
 struct kfsd_write_job {
   int64_t version = 0;
   std::string path;    // the file's remote path
-  bool close = false;  // a close; otherwise a block's end
+  std::optional<kfsd_open_rows> open;  // an open's rows
+  bool close = false;  // a close; otherwise (and not an open) a block's end
   uint32_t index = 0;
   bool has_md5 = false;
   uint8_t md5[16] = {};
@@ -365,6 +394,7 @@ struct kfsd_handle {
   uint32_t block_count = 0;
   uint32_t block_size = 0;
   int64_t block = -1;  // index named by the last begin block
+  bool rows_queued = false;  // the upload's rows may not be written yet
   bool in_block = false;
   std::string data;  // the block's stream so far
   md_ctx_ptr sha256;

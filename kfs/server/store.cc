@@ -205,6 +205,21 @@ int kfsd_store_open(const std::string& dir, kfsd_store* store,
     kfsd_db_close(db);
     return -1;
   }
+  // Ids are never reused, not even those of versions deleted since.
+  int64_t last = -1;
+  {
+    kfsd_sql q(db,
+               "SELECT MAX(COALESCE((SELECT seq FROM sqlite_sequence"
+               " WHERE name = 'versions'), 0),"
+               " COALESCE((SELECT MAX(id) FROM versions), 0))");
+    last = q.row() ? q.i64(0) : -1;
+  }
+  if (last < 0) {
+    *error = path + ": " + sqlite3_errmsg(db);
+    kfsd_db_close(db);
+    return -1;
+  }
+  store->next_version = last + 1;
   store->dir = dir;
   store->db = db;
   return 0;
@@ -295,7 +310,8 @@ uint32_t kfsd_store_release_stamp(kfsd_store* store, uint32_t id,
                    " LIMIT 1");
   kfsd_sql user(store->db, "SELECT distrust FROM users WHERE id = ?");
   bool incomplete = pending.bind(id).row();
-  bool distrust = user.bind(id).row() && user.i64(0) != 0;
+  bool distrust = (user.bind(id).row() && user.i64(0) != 0) ||
+                  store->lost_rows.count(id) != 0;
   if (pending.failed() || user.failed()) {
     return ERR_IO;
   }
@@ -313,6 +329,9 @@ uint32_t kfsd_store_release_stamp(kfsd_store* store, uint32_t id,
   set.bind(incomplete || distrust ? 0 : stamp).bind(has_stamp ? 1 : 0);
   bool ok = set.bind(id).run();
   exec(store->db, "PRAGMA synchronous=NORMAL");
+  if (ok && has_stamp) {
+    store->lost_rows.erase(id);
+  }
   return ok ? ERR_NONE : ERR_IO;
 }
 

@@ -194,9 +194,6 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
 
   std::lock_guard<std::mutex> hold(store->mutex);
   sqlite3* db = store->db;
-  // One transaction from the first look on: SQLite locks once, not per
-  // statement.
-  kfsd_txn txn(db);
   kfsd_sql entry(db, "SELECT is_dir FROM entries WHERE path = ?");
   bool exists = entry.bind_text(path.full).row();
   if (exists && entry.i64(0) != 0) {
@@ -215,11 +212,19 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
   version_row current;
   version_row upload;
   bool has_current = find_version(db, path.full, 1, &current);
-  std::set<std::string> gone;
-  bool ok = txn.ok();
+  bool has_upload = find_version(db, path.full, 0, &upload);
+  if (entry.failed()) {
+    return ERR_IO;
+  }
   if (has_current && current.mtime == mtime && current.size == size) {
+    if (!has_upload) {
+      return ERR_UP2DATE;
+    }
     // The file is here already; an upload left from another attempt is
     // stale now and would only mark the entry as needing a backup.
+    kfsd_txn txn(db);
+    std::set<std::string> gone;
+    bool ok = txn.ok();
     while (ok && find_version(db, path.full, 0, &upload)) {
       ok = delete_version(db, upload.id, &gone);
     }
@@ -229,34 +234,20 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
     collect(store, gone);
     return ERR_UP2DATE;
   }
-  if (!exists) {
-    kfsd_sql add(db, "INSERT INTO entries VALUES(?, ?, ?, ?, 0, ?)");
-    add.bind_text(path.full).bind(uid).bind_text(path.parent);
-    ok = ok && add.bind_text(path.name).bind(time(nullptr)).run();
-  }
   // An upload of the same size and block size is resumed: its blocks
   // stay comparable; any other is replaced.
-  bool resume = ok && find_version(db, path.full, 0, &upload) &&
-                upload.size == size && upload.block_size == block_size;
-  if (ok && !resume && upload.id != 0) {
-    ok = delete_version(db, upload.id, &gone);
-  }
-  if (ok && resume) {
-    kfsd_sql update(db, "UPDATE versions SET mtime = ?, attr = ? WHERE id = ?");
-    kfsd_sql unmark(db, "UPDATE blocks SET received = 0 WHERE version = ?");
-    update.bind(mtime).bind_blob(attr.data(), attr.size()).bind(upload.id);
-    ok = update.run() && unmark.bind(upload.id).run();
-  } else if (ok) {
-    kfsd_sql add(db,
-                 "INSERT INTO versions(user, path, complete, mtime, size,"
-                 " block_size, block_count, attr) VALUES(?, ?, 0, ?, ?, ?, ?,"
-                 " ?)");
-    add.bind(uid).bind_text(path.full).bind(mtime);
-    add.bind(static_cast<int64_t>(size)).bind(static_cast<int64_t>(block_size));
-    add.bind(static_cast<int64_t>(count)).bind_blob(attr.data(), attr.size());
-    ok = add.run();
-    upload.id = sqlite3_last_insert_rowid(db);
-  }
+  kfsd_open_rows& rows = out->rows;
+  rows.user = uid;
+  rows.parent = path.parent;
+  rows.name = path.name;
+  rows.new_entry = !exists;
+  rows.resume = has_upload && upload.size == size &&
+                upload.block_size == block_size;
+  rows.replaced = has_upload && !rows.resume ? upload.id : 0;
+  rows.mtime = mtime;
+  rows.size = size;
+  rows.attr = attr;
+  out->version = rows.resume ? upload.id : store->next_version++;
   // Comparable: the leading blocks with a digest in this upload or in the
   // complete version, when that has the same block size.
   kfsd_sql digests(db,
@@ -264,19 +255,17 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
                    " AND md5 IS NOT NULL ORDER BY idx");
   int64_t same_size =
       has_current && current.block_size == block_size ? current.id : -1;
-  digests.bind(upload.id).bind(same_size);
+  digests.bind(rows.resume ? upload.id : -1).bind(same_size);
   uint32_t comparable = 0;
-  while (ok && comparable < count && digests.row() &&
+  while (comparable < count && digests.row() &&
          digests.i64(0) == comparable) {
     ++comparable;
   }
-  if (!ok || digests.failed() || !txn.commit()) {
+  if (digests.failed()) {
     return ERR_IO;
   }
-  collect(store, gone);
-  out->version = upload.id;
-  out->block_size = static_cast<uint32_t>(block_size);
-  out->block_count = static_cast<uint32_t>(count);
+  rows.block_size = out->block_size = static_cast<uint32_t>(block_size);
+  rows.block_count = out->block_count = static_cast<uint32_t>(count);
   out->comparable = comparable;
   return 0;
 }
@@ -323,6 +312,36 @@ uint32_t kfsd_store_skip_block(kfsd_store* store, int64_t version,
 
 namespace {
 
+// An open's rows inside the batch's transaction.
+bool open_upload_rows(sqlite3* db, const kfsd_write_job& job,
+                      std::set<std::string>* gone) {
+  const kfsd_open_rows& rows = *job.open;
+  bool ok = true;
+  if (rows.new_entry) {
+    kfsd_sql add(db, "INSERT INTO entries VALUES(?, ?, ?, ?, 0, ?)");
+    add.bind_text(job.path).bind(rows.user).bind_text(rows.parent);
+    ok = add.bind_text(rows.name).bind(time(nullptr)).run();
+  }
+  if (ok && rows.replaced != 0) {
+    ok = delete_version(db, rows.replaced, gone);
+  }
+  if (ok && rows.resume) {
+    kfsd_sql update(db, "UPDATE versions SET mtime = ?, attr = ? WHERE id = ?");
+    kfsd_sql unmark(db, "UPDATE blocks SET received = 0 WHERE version = ?");
+    update.bind(rows.mtime).bind_blob(rows.attr.data(), rows.attr.size());
+    return update.bind(job.version).run() && unmark.bind(job.version).run();
+  }
+  kfsd_sql add(db,
+               "INSERT INTO versions(id, user, path, complete, mtime, size,"
+               " block_size, block_count, attr) VALUES(?, ?, ?, 0, ?, ?, ?, ?,"
+               " ?)");
+  add.bind(job.version).bind(rows.user).bind_text(job.path).bind(rows.mtime);
+  add.bind(static_cast<int64_t>(rows.size));
+  add.bind(static_cast<int64_t>(rows.block_size));
+  add.bind(static_cast<int64_t>(rows.block_count));
+  return ok && add.bind_blob(rows.attr.data(), rows.attr.size()).run();
+}
+
 // A close inside the batch's transaction: the upload becomes the path's
 // version when every block was received; otherwise it stays pending.
 bool close_upload(sqlite3* db, int64_t version, std::set<std::string>* gone) {
@@ -367,7 +386,7 @@ void kfsd_store_write(kfsd_store* store, bool sync,
     std::lock_guard<std::mutex> hold(store->mutex);
     kfsd_sql known(store->db, "SELECT 1 FROM streams WHERE hex = ?");
     for (kfsd_write_job* job : jobs) {
-      if (job->close || fresh.count(job->sha256_hex) != 0) {
+      if (job->close || job->open || fresh.count(job->sha256_hex) != 0) {
         continue;
       }
       known.reset();
@@ -411,6 +430,10 @@ void kfsd_store_write(kfsd_store* store, bool sync,
       ok = ok && close_upload(db, job->version, &gone);
       continue;
     }
+    if (job->open) {
+      ok = ok && open_upload_rows(db, *job, &gone);
+      continue;
+    }
     std::string path;
     version_row upload;
     if (lost.count(job->sha256_hex) != 0) {
@@ -434,8 +457,13 @@ void kfsd_store_write(kfsd_store* store, bool sync,
     }
   }
   if (!ok || !txn.commit()) {
+    // An open whose rows are lost leaves nothing that marks its file as
+    // missing: the user's next stamp must not vouch for it.
     for (kfsd_write_job* job : jobs) {
       set_status(job, ERR_IO);
+      if (job->open) {
+        store->lost_rows.insert(job->open->user);
+      }
     }
     return;  // the appended bytes stay unnamed; the next start sweeps them
   }

@@ -56,7 +56,12 @@ void kfsd_writer::push(kfsd_write_job job) {
   });
   queued_bytes_ += job.data.size();
   queue_.push_back(std::move(job));
-  changed_.notify_all();
+  // Only the writer waits for pushes, and only for these; a wake-up per
+  // job cost more than the job.
+  if (queue_.size() == 1 || queue_.size() >= kFullBatch ||
+      queued_bytes_ >= kMaxQueuedBytes / 2) {
+    changed_.notify_all();
+  }
 }
 
 void kfsd_writer::drain(const std::string& prefix) {
