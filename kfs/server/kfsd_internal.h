@@ -200,10 +200,12 @@ class kfsd_sql {
 // finalizing the ones kept for reuse.
 void kfsd_db_close(sqlite3* db);
 
-// A transaction rolled back on destruction unless committed.
+// A transaction rolled back on destruction unless committed. One that is
+// not immediate takes the write lock only at its first write: many reads
+// then lock once, not once per statement.
 class kfsd_txn {
  public:
-  explicit kfsd_txn(sqlite3* db);
+  explicit kfsd_txn(sqlite3* db, bool immediate = true);
   kfsd_txn(const kfsd_txn&) = delete;
   kfsd_txn& operator=(const kfsd_txn&) = delete;
   ~kfsd_txn();

@@ -162,8 +162,8 @@ bool kfsd_sql::is_null(int col) {
   return failed_ || sqlite3_column_type(stmt_, col) == SQLITE_NULL;
 }
 
-kfsd_txn::kfsd_txn(sqlite3* db) : db_(db) {
-  active_ = exec(db_, "BEGIN IMMEDIATE");
+kfsd_txn::kfsd_txn(sqlite3* db, bool immediate) : db_(db) {
+  active_ = exec(db_, immediate ? "BEGIN IMMEDIATE" : "BEGIN");
 }
 
 kfsd_txn::~kfsd_txn() {

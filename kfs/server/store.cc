@@ -395,6 +395,7 @@ uint32_t kfsd_store_list(kfsd_store* store, const kfsd_path& dir,
                          const std::string& pattern,
                          std::vector<kfsd_entry>* out) {
   std::lock_guard<std::mutex> hold(store->mutex);
+  kfsd_txn reading(store->db, false);
   bool exists = false;
   bool is_dir = false;
   if (!entry_kind(store->db, dir.full, &exists, &is_dir)) {

@@ -194,6 +194,7 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
 
   std::lock_guard<std::mutex> hold(store->mutex);
   sqlite3* db = store->db;
+  kfsd_txn txn(db, false);
   kfsd_sql entry(db, "SELECT is_dir FROM entries WHERE path = ?");
   bool exists = entry.bind_text(path.full).row();
   if (exists && entry.i64(0) != 0) {
@@ -222,7 +223,6 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
     }
     // The file is here already; an upload left from another attempt is
     // stale now and would only mark the entry as needing a backup.
-    kfsd_txn txn(db);
     std::set<std::string> gone;
     bool ok = txn.ok();
     while (ok && find_version(db, path.full, 0, &upload)) {
@@ -261,7 +261,7 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
          digests.i64(0) == comparable) {
     ++comparable;
   }
-  if (digests.failed()) {
+  if (digests.failed() || !txn.commit()) {
     return ERR_IO;
   }
   rows.block_size = out->block_size = static_cast<uint32_t>(block_size);
@@ -477,6 +477,7 @@ uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
                           kfsd_ropen_result* out) {
   std::lock_guard<std::mutex> hold(store->mutex);
   sqlite3* db = store->db;
+  kfsd_txn reading(db, false);
   kfsd_sql entry(db, "SELECT is_dir FROM entries WHERE path = ?");
   if (!entry.bind_text(path.full).row()) {
     return entry.failed() ? ERR_IO : ERR_BADPATH;
