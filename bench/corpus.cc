@@ -9,18 +9,26 @@
 //   corpus unmutate KIND DIR   put back what mutate changed
 //   corpus deflate DIR     single-core deflate-9 over every file
 //   corpus chain DIR       the agent's filter chain over every file
+//   corpus echo N          N request-reply round trips over loopback TCP
 //
 // Every file is a pure function of the seed and its number, so the corpus
 // is the same on every machine and unmutate restores it exactly (only the
 // modification times of the restored files differ). deflate and chain print
 // one line: "bytes seconds MB/s"; both work in the service's 1 MiB blocks,
-// each block its own stream, as the agent sends them.
+// each block its own stream, as the agent sends them. echo prints "N
+// server-CPU-seconds client-CPU-seconds": the least a server can spend on
+// an answered request, whatever it does with it.
 #include <dirent.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -361,12 +369,86 @@ int measure(const std::string& dir, bool chain) {
   return 0;
 }
 
+// CPU seconds in a rusage.
+double cpu_seconds(const struct rusage& u) {
+  auto s = [](const timeval& t) { return t.tv_sec + t.tv_usec / 1e6; };
+  return s(u.ru_utime) + s(u.ru_stime);
+}
+
+bool exactly(int fd, void* buffer, size_t n, bool sending) {
+  auto* p = static_cast<char*>(buffer);
+  while (n > 0) {
+    ssize_t got = sending ? send(fd, p, n, MSG_NOSIGNAL) : recv(fd, p, n, 0);
+    if (got <= 0) {
+      return false;
+    }
+    p += got;
+    n -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+// A child answers packets of a request's size with packets of a reply's,
+// as a server that did nothing else would; its CPU comes from wait4.
+int echo(long count) {
+  constexpr size_t kRequest = 64;
+  constexpr size_t kReply = 48;
+  unique_fd listener(socket(AF_INET, SOCK_STREAM, 0));
+  sockaddr_in addr = {};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  if (!listener ||
+      bind(listener.get(), reinterpret_cast<sockaddr*>(&addr), len) != 0 ||
+      listen(listener.get(), 1) != 0 ||
+      getsockname(listener.get(), reinterpret_cast<sockaddr*>(&addr),
+                  &len) != 0) {
+    perror("corpus: echo");
+    return 1;
+  }
+  pid_t child = fork();
+  if (child == 0) {
+    unique_fd peer(accept(listener.get(), nullptr, nullptr));
+    int one = 1;
+    setsockopt(peer.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    char buffer[kRequest] = {};
+    while (exactly(peer.get(), buffer, kRequest, false) &&
+           exactly(peer.get(), buffer, kReply, true)) {
+    }
+    _exit(0);
+  }
+  unique_fd link(socket(AF_INET, SOCK_STREAM, 0));
+  int one = 1;
+  setsockopt(link.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  if (connect(link.get(), reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+    perror("corpus: echo");
+    return 1;
+  }
+  char buffer[kRequest] = {};
+  for (long i = 0; i < count; ++i) {
+    if (!exactly(link.get(), buffer, kRequest, true) ||
+        !exactly(link.get(), buffer, kReply, false)) {
+      perror("corpus: echo");
+      return 1;
+    }
+  }
+  link.reset();
+  int status = 0;
+  struct rusage server = {};
+  struct rusage client = {};
+  wait4(child, &status, 0, &server);
+  getrusage(RUSAGE_SELF, &client);
+  printf("%ld %.3f %.3f\n", count, cpu_seconds(server), cpu_seconds(client));
+  return 0;
+}
+
 int usage() {
   fputs(
       "usage: corpus small|large DIR\n"
       "       corpus tree DIR FILES\n"
       "       corpus mutate|unmutate small|large DIR\n"
-      "       corpus deflate|chain DIR\n",
+      "       corpus deflate|chain DIR\n"
+      "       corpus echo ROUND_TRIPS\n",
       stderr);
   return 2;
 }
@@ -392,6 +474,8 @@ int main(int argc, char** argv) {
     }
   } else if (a.size() == 2 && (a[0] == "deflate" || a[0] == "chain")) {
     return measure(a[1], a[0] == "chain");
+  } else if (a.size() == 2 && a[0] == "echo") {
+    return echo(strtol(a[1].c_str(), nullptr, 10));
   } else {
     return usage();
   }

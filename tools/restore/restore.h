@@ -25,6 +25,7 @@ struct restore_options {
   std::string verify_tree;  // --verify: the local tree to compare with
   bool list = false;
   bool overwrite = false;
+  int jobs = 4;  // processes restoring at once
   bool progress = false;  // show progress (on a terminal)
   bool help = false;
 };
