@@ -14,6 +14,7 @@
 #include <openssl/evp.h>
 
 #include "kfs/server/kfsd_internal.h"
+#include "kfs/server/sql.h"
 #include "lib/scoped.h"
 
 namespace {

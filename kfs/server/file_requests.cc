@@ -1,8 +1,6 @@
 // Requests on the user's files: uploads block by block, and reading a
 // complete file back.
-#include <fcntl.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -299,16 +297,6 @@ int kfsd_request_read(kfsd_request* req) {
     return KFSD_REPLY;
   }
   const kfsd_stream_loc& loc = h->blocks[h->read_block];
-  // Blocks of one file mostly lie in one pack: its file stays open.
-  std::string file = loc.pack >= 0 ? std::to_string(loc.pack) : loc.hex;
-  if (!h->read_fd || h->read_file != file) {
-    h->read_fd.reset(kfsd_stream_open(&req->conn->server->store, loc));
-    h->read_file = file;
-    if (!h->read_fd) {
-      req->status = ERR_IO;
-      return KFSD_REPLY;
-    }
-  }
   uint64_t left = loc.length - h->read_offset;
   size_t want =
       static_cast<size_t>(std::min<uint64_t>({max, left, KFS_MAX_BODY - 3}));
@@ -316,10 +304,9 @@ int kfsd_request_read(kfsd_request* req) {
   // KFS_MAX_BODY - 3 bytes.
   kfs_put_u8(&req->out, 0);
   kfs_put_u16(&req->out, static_cast<uint16_t>(want));
-  uint8_t* buffer = req->out.data + req->out.length;
-  ssize_t got = pread(h->read_fd.get(), buffer, want,
-                      static_cast<off_t>(loc.offset + h->read_offset));
-  if (got != static_cast<ssize_t>(want)) {
+  if (!kfsd_stream_read(&req->conn->server->store, &h->reader, loc,
+                        h->read_offset, req->out.data + req->out.length,
+                        want)) {
     req->out.length = 0;
     req->status = ERR_IO;
     return KFSD_REPLY;

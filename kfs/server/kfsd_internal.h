@@ -1,8 +1,7 @@
 // kfs/server/kfsd_internal.h: what the files of the reference server share:
-// the data folder, the store (SQLite database and block stream files), the
-// running server with its connections and the user lock table, and the
-// request handlers. Many connection threads use one store; every store
-// function takes the store's mutex itself, so each is one atomic step.
+// the data folder, the running server with its connections, the user lock
+// table and the write queue, and the request handlers. The store they all
+// use is behind kfs/server/store.h.
 #pragma once
 
 #include <pthread.h>
@@ -24,9 +23,7 @@
 
 #include "kfs/client/kfs.h"
 #include "lib/scoped.h"
-
-struct sqlite3;
-struct sqlite3_stmt;
+#include "kfs/server/store.h"
 
 constexpr uint32_t KFSD_DEFAULT_BLOCK_SIZE = 1u << 20;
 constexpr uint32_t KFSD_MAX_BLOCKS = 65535;  // a block count is a u16
@@ -36,15 +33,6 @@ constexpr size_t KFSD_MAX_LISTINGS = 16;  // unfinished listings per connection
 constexpr size_t KFSD_MAX_NAME = 255;     // a name must fit a str8
 constexpr uint32_t KFSD_ATTR_DIRECTORY = 0x10;
 constexpr uint32_t KFSD_ATTR_NEEDS_BACKUP = 0x20;
-
-// Names inside the data folder.
-constexpr char KFSD_DB_FILE[] = "kfsd.db";
-constexpr char KFSD_KEY_FILE[] = "server.pem";  // RSA private key
-constexpr char KFSD_PACKS_DIR[] = "packs";      // streams, appended
-constexpr char KFSD_BLOCKS_DIR[] = "blocks";    // older streams, a file each
-constexpr char KFSD_TMP_DIR[] = "tmp";          // messages being written
-constexpr char KFSD_OUTBOX_DIR[] = "outbox";    // one file per e-mail
-constexpr char KFSD_KEYS_DIR[] = "keys";        // generated account keys
 
 // ---------------------------------------------------------------------------
 // Data folder and key files (datadir.cc).
@@ -68,266 +56,6 @@ int kfsd_key_file_read(const std::string& path, uint8_t key[32],
 // id. 0, or -1 with errno.
 int kfsd_key_file_write(const std::string& path, uint32_t id,
                         const uint8_t key[32]);
-
-// ---------------------------------------------------------------------------
-// The store (sql.cc, store.cc, store_files.cc).
-
-// Where a block stream's bytes lie: a range of a pack file, or (in folders
-// written before packs) a file of its own named by the stream.
-struct kfsd_stream_loc {
-  std::string hex;    // the SHA-256 of the bytes, which names the stream
-  int64_t pack = -1;  // -1: a file of its own
-  uint64_t offset = 0;
-  uint64_t length = 0;
-};
-
-struct kfsd_store {
-  std::string dir;
-  sqlite3* db = nullptr;
-  std::mutex mutex;  // the database, one statement at a time
-  // Streams in files of their own that open read handles still use: one
-  // no version refers to any more stays on disk while pinned; the next
-  // start sweeps it.
-  std::map<std::string, int> pinned;
-  // Stored streams that the running write batch will name again: kept
-  // even if every block naming them goes meanwhile.
-  std::set<std::string> in_flight;
-  // Uploads get their version ids here, before their rows are written.
-  int64_t next_version = 1;
-  // Users whose queued rows a failed batch lost: their next stamp is
-  // withheld, as after an unclean stop.
-  std::set<uint32_t> lost_rows;
-  uint64_t temp_counter = 0;
-  // The pack being appended to (by one batch at a time); a new one is
-  // begun at every start, so a pack never grows past a crash.
-  std::mutex pack_mutex;
-  int64_t pack_id = 0;
-  unique_fd pack_fd;
-  uint64_t pack_size = 0;
-  bool pack_new = false;  // its folder entry is not yet flushed
-};
-
-struct kfsd_user {
-  uint32_t id = 0;
-  std::string name;
-  std::string account;
-  std::string email;
-  uint64_t quota = 0;
-  uint8_t key_sha1[20] = {};
-  uint32_t stamp = 0;
-};
-
-// A path inside a user's area, normalised: "/7/a/b" has parent "/7/a" and
-// name "b"; the user's root "/7" has parent "".
-struct kfsd_path {
-  std::string full;
-  std::string parent;
-  std::string name;
-  bool is_root = false;
-};
-
-// One entry of a directory listing.
-struct kfsd_entry {
-  uint8_t kind = 0;  // 0 file, 1 directory
-  uint32_t attr = 0;
-  int64_t mtime = 0;
-  uint64_t size = 0;
-  std::string name;
-};
-
-// What a write open adds or changes, written with the next batch: its
-// answer needs only what was read.
-struct kfsd_open_rows {
-  uint32_t user = 0;
-  std::string parent;
-  std::string name;
-  bool new_entry = false;
-  int64_t replaced = 0;  // an upload to delete first, or 0
-  bool resume = false;   // the version exists: new time and attributes
-  int64_t mtime = 0;
-  uint64_t size = 0;
-  uint32_t block_size = 0;
-  uint32_t block_count = 0;
-  std::string attr;
-};
-
-struct kfsd_wopen_result {
-  int64_t version = 0;
-  uint32_t block_size = 0;
-  uint32_t block_count = 0;
-  uint32_t comparable = 0;
-  kfsd_open_rows rows;
-};
-
-struct kfsd_ropen_result {
-  int64_t mtime = 0;
-  uint64_t size = 0;
-  std::string attr;
-  std::vector<kfsd_stream_loc> blocks;  // pinned
-};
-
-// A prepared statement, finalized on destruction. Parameters bind in
-// order; a failed prepare, bind or step marks it failed, and every later
-// call then does nothing, so a caller tests failed() once at the end.
-class kfsd_sql {
- public:
-  kfsd_sql(sqlite3* db, const char* sql);
-  kfsd_sql(const kfsd_sql&) = delete;
-  kfsd_sql& operator=(const kfsd_sql&) = delete;
-  ~kfsd_sql();
-
-  kfsd_sql& bind(int64_t v);
-  kfsd_sql& bind_text(std::string_view v);
-  kfsd_sql& bind_blob(const void* data, size_t n);  // null data binds NULL
-  // Steps once: true with a row to read; false when done or failed.
-  bool row();
-  // Steps to the end (for statements without rows); false when failed.
-  bool run();
-  void reset();  // rewinds for another run with new parameters
-  bool failed() const { return failed_; }
-  int64_t i64(int col);
-  std::string text(int col);  // also reads blobs; NULL reads as ""
-  bool is_null(int col);
-
- private:
-  sqlite3_stmt* stmt_ = nullptr;
-  const char* sql_;
-  int next_ = 1;
-  bool failed_ = false;
-};
-
-// Closes a connection whose statements went through kfsd_sql, after
-// finalizing the ones kept for reuse.
-void kfsd_db_close(sqlite3* db);
-
-// A transaction rolled back on destruction unless committed. One that is
-// not immediate takes the write lock only at its first write: many reads
-// then lock once, not once per statement.
-class kfsd_txn {
- public:
-  explicit kfsd_txn(sqlite3* db, bool immediate = true);
-  kfsd_txn(const kfsd_txn&) = delete;
-  kfsd_txn& operator=(const kfsd_txn&) = delete;
-  ~kfsd_txn();
-  bool ok() const { return active_; }
-  bool commit();
-
- private:
-  sqlite3* db_;
-  bool active_ = false;
-};
-
-// Normalises raw (repeated and trailing '/' dropped) and checks that it
-// lies inside "/<uid>". 0; ERR_FSACCESS outside it; ERR_BADPATH for a "."
-// or ".." component, a NUL byte or a name longer than KFSD_MAX_NAME.
-uint32_t kfsd_path_parse(std::string_view raw, uint32_t uid, kfsd_path* out);
-
-// Creates the database with its schema; 0, or -1 with *error.
-int kfsd_store_create(const std::string& dir, std::string* error);
-// Opens the database of an existing data folder; 0, or -1 with *error
-// (missing, not ours, or damaged).
-int kfsd_store_open(const std::string& dir, kfsd_store* store,
-                    std::string* error);
-void kfsd_store_close(kfsd_store* store);
-// Drops what a stopped server may have left: partial streams in tmp/ and
-// stream files that no version refers to. Call before serving.
-void kfsd_store_sweep(kfsd_store* store);
-// Checks the database and every stream it names (check.cc); 0 when
-// consistent, else -1 with one line per problem in *problems.
-int kfsd_store_check(kfsd_store* store, std::vector<std::string>* problems);
-
-// 0; ERR_EXISTS for a taken id; ERR_IO. Creates the user's root too.
-uint32_t kfsd_store_add_user(kfsd_store* store, const kfsd_user& user);
-// 0, ERR_AUTH_FAILURE for an unknown user, or ERR_IO.
-uint32_t kfsd_store_get_user(kfsd_store* store, uint32_t id, kfsd_user* out);
-// The user of that name whose key has that digest (names need not be
-// unique); ERR_AUTH_FAILURE when there is none.
-uint32_t kfsd_store_find_user(kfsd_store* store, const std::string& name,
-                              const uint8_t key_sha1[20], kfsd_user* out);
-// Sum of the sizes of the user's complete files.
-uint64_t kfsd_store_bytes_used(kfsd_store* store, uint32_t id);
-// Stores the stamp of a lock release. While any upload of the user is
-// incomplete, or after an unclean stop (below), the stamp becomes 0
-// instead, with or without a stamp given, so the agent's next run
-// distrusts its index and compares listings.
-uint32_t kfsd_store_release_stamp(kfsd_store* store, uint32_t id,
-                                  bool has_stamp, uint32_t stamp);
-// Records, durably, that a server serves the store (running) or stopped
-// cleanly. Starting while the record says running means the last server
-// died: *unclean is set and every user's next stamped release stores 0
-// instead, so the run that spanned the death compares every folder and
-// sends again what was answered but lost. 0, or -1.
-int kfsd_store_mark_running(kfsd_store* store, bool running, bool* unclean);
-
-// Result codes as the requests answer them.
-uint32_t kfsd_store_mkdir(kfsd_store* store, uint32_t uid,
-                          const kfsd_path& path);
-uint32_t kfsd_store_list(kfsd_store* store, const kfsd_path& dir,
-                         const std::string& pattern,
-                         std::vector<kfsd_entry>* out);
-// Reads what a write open answers and plans its rows (out->rows, to be
-// queued with the upload's blocks); nothing is written but the removal of
-// a stale upload when the file is up to date (ERR_UP2DATE). REQUIRES: no
-// queued job concerns the path.
-uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
-                          const kfsd_path& path, int64_t mtime, uint64_t size,
-                          const std::string& attr, uint32_t base_block_size,
-                          kfsd_wopen_result* out);
-// A begin block with a digest: ERR_UP2DATE when the upload or the path's
-// complete version holds that digest for the block (the block then counts
-// as received), else 0.
-uint32_t kfsd_store_skip_block(kfsd_store* store, int64_t version,
-                               uint32_t index, const uint8_t md5[16]);
-
-// The part of an upload that no reply need wait for: an open's rows, a
-// block's end (its stream to store and record) or a file's close (the
-// upload becomes the path's version when every block was received, else
-// stays pending).
-struct kfsd_write_job {
-  int64_t version = 0;
-  std::string path;    // the file's remote path
-  std::optional<kfsd_open_rows> open;  // an open's rows
-  bool close = false;  // a close; otherwise (and not an open) a block's end
-  uint32_t index = 0;
-  bool has_md5 = false;
-  uint8_t md5[16] = {};
-  std::string data;  // the block's stream
-  std::string sha256_hex;
-  uint32_t* status = nullptr;  // if set, the block end's result goes here
-};
-
-// Runs jobs in order as one batch: the streams the store does not hold yet
-// are appended to the pack, which is flushed once (with sync), then every
-// job's rows change in one transaction. A job whose upload is gone is
-// dropped (ERR_BADKEY); a failure leaves its block missing (ERR_IO), which
-// the upload's close then sees. REQUIRES: one batch at a time.
-void kfsd_store_write(kfsd_store* store, bool sync,
-                      const std::vector<kfsd_write_job*>& jobs);
-// 0 with the blocks pinned; ERR_BADPATH, ERR_NOTFILE, ERR_IO.
-uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
-                          kfsd_ropen_result* out);
-void kfsd_store_unpin(kfsd_store* store,
-                      const std::vector<kfsd_stream_loc>& blocks);
-// A stream's place from a row of (stream, length, pack, offset) starting
-// at column col, pack and offset NULL for a file of its own.
-kfsd_stream_loc kfsd_stream_row(kfsd_sql* q, int col);
-// Opens the file a stream lies in for reading (pread at its offset); -1
-// with errno when it cannot be.
-int kfsd_stream_open(const kfsd_store* store, const kfsd_stream_loc& loc);
-// A fresh name in tmp/ for a file being written.
-std::string kfsd_temp_path(kfsd_store* store);
-
-// The block store's files (packs.cc). Appends bytes to the current pack,
-// begun on first use; false with errno when they cannot be written.
-// REQUIRES: store->pack_mutex held.
-bool kfsd_pack_append(kfsd_store* store, const std::string& bytes,
-                      kfsd_stream_loc* out);
-// Makes what was appended durable (the pack's bytes, and its folder entry
-// when it is new). REQUIRES: store->pack_mutex held.
-bool kfsd_pack_flush(kfsd_store* store);
-// The file of a stream that has one of its own, and of a pack.
-std::string kfsd_loose_path(const kfsd_store* store, const std::string& hex);
-std::string kfsd_pack_path(const kfsd_store* store, int64_t pack);
 
 // ---------------------------------------------------------------------------
 // The running server (listener.cc, handshake.cc, connection.cc).
@@ -405,8 +133,7 @@ struct kfsd_handle {
   std::vector<kfsd_stream_loc> blocks;
   size_t read_block = 0;
   uint64_t read_offset = 0;
-  unique_fd read_fd;
-  std::string read_file;
+  kfsd_stream_reader reader;
 };
 
 struct kfsd_listing {

@@ -99,3 +99,19 @@ int kfsd_stream_open(const kfsd_store* store, const kfsd_stream_loc& loc) {
                                    : kfsd_loose_path(store, loc.hex);
   return open(file.c_str(), O_RDONLY | O_CLOEXEC);
 }
+
+bool kfsd_stream_read(const kfsd_store* store, kfsd_stream_reader* reader,
+                      const kfsd_stream_loc& loc, uint64_t offset, void* out,
+                      size_t n) {
+  std::string file = loc.pack >= 0 ? std::to_string(loc.pack) : loc.hex;
+  if (!reader->fd || reader->file != file) {
+    reader->fd.reset(kfsd_stream_open(store, loc));
+    reader->file = reader->fd ? file : "";
+    if (!reader->fd) {
+      return false;
+    }
+  }
+  ssize_t got = pread(reader->fd.get(), out, n,
+                      static_cast<off_t>(loc.offset + offset));
+  return got == static_cast<ssize_t>(n);
+}

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kfs/server/kfsd_internal.h"
+#include "kfs/server/sql.h"
 
 namespace {
 

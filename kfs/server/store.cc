@@ -11,6 +11,7 @@
 #include <algorithm>
 
 #include "kfs/server/kfsd_internal.h"
+#include "kfs/server/sql.h"
 
 namespace {
 

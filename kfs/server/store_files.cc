@@ -18,6 +18,7 @@
 #include <set>
 
 #include "kfs/server/kfsd_internal.h"
+#include "kfs/server/sql.h"
 
 namespace {
 
