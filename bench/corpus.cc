@@ -7,6 +7,7 @@
 //   corpus mutate KIND DIR     change 1% of the small files / append to one
 //                              large file
 //   corpus unmutate KIND DIR   put back what mutate changed
+//   corpus night DIR N     change another 1% of the small files (night N)
 //   corpus deflate DIR     single-core deflate-9 over every file
 //   corpus chain DIR       the agent's filter chain over every file
 //   corpus echo N          N request-reply round trips over loopback TCP
@@ -173,10 +174,13 @@ void make_small(const std::string& root) {
 
 // A change in the middle of the file, as an edit makes: up to 8 KiB of new
 // content of the same kind; an empty file gets some.
-void mutate_small(const std::string& root, bool undo) {
+// Night 0 is mutate's 1%; night N (1..99) changes another 1% of the files
+// in the same way, so that nights after one another change different files.
+void mutate_small(const std::string& root, bool undo, uint32_t night = 0) {
   std::vector<std::string> folders = small_folders(root);
   uint32_t changed = 0;
-  for (uint32_t i = 0; i < SMALL_FILES; i += MUTATE_EVERY) {
+  for (uint32_t i = night % MUTATE_EVERY; i < SMALL_FILES;
+       i += MUTATE_EVERY) {
     small_file f = small_file_of(folders, i);
     std::string s = small_content(f, i);
     if (!undo) {
@@ -447,6 +451,7 @@ int usage() {
       "usage: corpus small|large DIR\n"
       "       corpus tree DIR FILES\n"
       "       corpus mutate|unmutate small|large DIR\n"
+      "       corpus night DIR N\n"
       "       corpus deflate|chain DIR\n"
       "       corpus echo ROUND_TRIPS\n",
       stderr);
@@ -472,6 +477,9 @@ int main(int argc, char** argv) {
     } else {
       return usage();
     }
+  } else if (a.size() == 3 && a[0] == "night") {
+    mutate_small(a[1], false,
+                 static_cast<uint32_t>(strtoul(a[2].c_str(), nullptr, 10)));
   } else if (a.size() == 2 && (a[0] == "deflate" || a[0] == "chain")) {
     return measure(a[1], a[0] == "chain");
   } else if (a.size() == 2 && a[0] == "echo") {

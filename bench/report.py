@@ -237,6 +237,23 @@ def echo_costs(logs):
     return statistics.median(server), statistics.median(client)
 
 
+def history_table(res):
+    """Stored size after nights 1, 5 and 10 and after keeping the last 7,
+    and the prune's time, per tool."""
+    out = ["| tool | stored after night 1 (MB) | night 5 | night 10 | "
+           "after prune (MB) | prune (s) |", "|---|---:|---:|---:|---:|---:|"]
+    for tool in ("kovrabackup", "borg", "restic"):
+        cells = [res.median(tool, "small", p, "stored_bytes")
+                 for p in ("night01", "night05", "night10", "prune")]
+        if cells[0] is None:
+            continue
+        prune = res.median(tool, "small", "prune", "wall_s")
+        out.append(f"| {tool} | " + " | ".join(
+            fmt_mb(c) if c is not None else "-" for c in cells) +
+            f" | {fmt_s(prune)} |")
+    return "\n".join(out)
+
+
 def plot(res, out_dir):
     """Time and peak memory per tool, one row of panels per corpus."""
     data = os.path.join(out_dir, ".benchmarks.dat")
@@ -374,6 +391,15 @@ Physical limits on the same data:
 Ratios, pair by pair:
 
 {ratio_table(res, 'large')}
+
+## History
+
+Ten runs of `small` in a row, each after another 1% of the files changed
+(`corpus night DIR N`), stand for ten nights; then each tool keeps its last
+seven (`kfsd prune --keep-last 7`; `borg prune --keep-last 7` and `borg
+compact`; `restic forget --keep-last 7 --prune`).
+
+{history_table(res)}
 
 ## The index at scale
 

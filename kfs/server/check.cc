@@ -110,16 +110,17 @@ void check_streams(kfsd_store* store, std::vector<std::string>* problems) {
   }
 }
 
-// A complete version has every block, its block count fits its size, and
-// its path is a file whose folders exist.
+// A complete version has every block, its block count fits its size, its
+// completion number is its own, and its path is a file whose folders
+// exist.
 void check_versions(sqlite3* db, std::vector<std::string>* problems) {
   kfsd_sql q(db,
              "SELECT v.id, v.path, v.size, v.block_size, v.block_count,"
              " (SELECT COUNT(*) FROM blocks b WHERE b.version = v.id"
              "  AND b.received = 1 AND b.idx < v.block_count),"
-             " (SELECT is_dir FROM entries e WHERE e.path = v.path)"
+             " (SELECT is_dir FROM entries e WHERE e.path = v.path), v.done"
              " FROM versions v WHERE v.complete = 1");
-  std::set<std::string> seen;
+  std::set<int64_t> numbers;
   while (q.row()) {
     std::string path = q.text(1);
     uint64_t size = static_cast<uint64_t>(q.i64(2));
@@ -130,8 +131,9 @@ void check_versions(sqlite3* db, std::vector<std::string>* problems) {
         block_size == 0
             ? -1
             : static_cast<int64_t>((size + block_size - 1) / block_size);
-    if (!seen.insert(path).second) {
-      problems->push_back(path + ": two complete versions");
+    if (q.is_null(7) || !numbers.insert(q.i64(7)).second) {
+      problems->push_back(path + ": a version without a completion number"
+                                 " of its own");
     }
     if (count != expected) {
       problems->push_back(path + ": " + std::to_string(count) +
@@ -156,6 +158,35 @@ void check_versions(sqlite3* db, std::vector<std::string>* problems) {
   }
 }
 
+// Points belong to users and show only what was completed before them;
+// an upload has no completion number.
+void check_history(sqlite3* db, std::vector<std::string>* problems) {
+  kfsd_sql points(db,
+                  "SELECT p.name, p.user, (SELECT 1 FROM users u"
+                  " WHERE u.id = p.user), p.upto > (SELECT COALESCE(MAX(done),"
+                  " 0) FROM versions) FROM points p");
+  while (points.row()) {
+    std::string name = "point " + points.text(0) + " of user " +
+                       std::to_string(points.i64(1));
+    if (points.is_null(2)) {
+      problems->push_back(name + ": no such user");
+    }
+    if (points.i64(3) != 0) {
+      problems->push_back(name + ": shows versions never completed");
+    }
+  }
+  kfsd_sql uploads(db,
+                   "SELECT path FROM versions WHERE complete = 0"
+                   " AND done IS NOT NULL");
+  while (uploads.row()) {
+    problems->push_back(uploads.text(0) +
+                        ": an upload with a completion number");
+  }
+  if (points.failed() || uploads.failed()) {
+    problems->push_back("database: a query failed");
+  }
+}
+
 }  // namespace
 
 int kfsd_store_check(kfsd_store* store, std::vector<std::string>* problems) {
@@ -169,6 +200,7 @@ int kfsd_store_check(kfsd_store* store, std::vector<std::string>* problems) {
   }
   check_database(store->db, problems);
   check_versions(store->db, problems);
+  check_history(store->db, problems);
   check_streams(store, problems);
   sqlite3_exec(store->db, "COMMIT", nullptr, nullptr, nullptr);
   return problems->empty() ? 0 : -1;

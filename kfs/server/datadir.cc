@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -201,4 +202,13 @@ int kfsd_key_file_write(const std::string& path, uint32_t id,
     return -1;
   }
   return 0;
+}
+
+int kfsd_datadir_lock(const std::string& dir) {
+  unique_fd fd(open((dir + "/kfsd.lock").c_str(),
+                    O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (!fd || flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+    return -1;
+  }
+  return fd.release();
 }

@@ -22,8 +22,8 @@ int kfsd_request_mkdir(kfsd_request* req) {
   if (!kfsd_request_path(req, raw, &path)) {
     return KFSD_REPLY;
   }
-  if (!kfsd_holds_lock(req->conn)) {
-    req->status = ERR_ACCESS;
+  if (!kfsd_holds_lock(req->conn) || path.read_only()) {
+    req->status = ERR_ACCESS;  // the past is not written to
     return KFSD_REPLY;
   }
   req->conn->server->writer->drain(path.full);  // a file's entry may be queued
@@ -49,7 +49,9 @@ int kfsd_request_find_files(kfsd_request* req) {
     if (!kfsd_request_path(req, dir, &path)) {
       return KFSD_REPLY;
     }
-    conn->server->writer->drain(path.full + "/");  // closes just sent
+    // Closes just sent; for the past, a run's end with its retention.
+    conn->server->writer->drain(path.read_only() ? kfsd_user_prefix(conn->uid)
+                                                 : path.full + "/");
     req->status =
         kfsd_store_list(&conn->server->store, path, pattern, &fresh.entries);
     if (req->status != 0) {

@@ -138,8 +138,8 @@ int kfsd_request_wopen(kfsd_request* req) {
   if (!kfsd_request_path(req, raw, &path)) {
     return KFSD_REPLY;
   }
-  if (!kfsd_holds_lock(conn)) {
-    req->status = ERR_ACCESS;
+  if (!kfsd_holds_lock(conn) || path.read_only()) {
+    req->status = ERR_ACCESS;  // the past is not written to
     return KFSD_REPLY;
   }
   // Other files' uploads may still be finishing; this one's must be done

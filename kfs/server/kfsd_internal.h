@@ -41,6 +41,12 @@ constexpr uint32_t KFSD_ATTR_NEEDS_BACKUP = 0x20;
 // 0, or -1 with *error set.
 int kfsd_datadir_init(const std::string& dir, std::string* error);
 
+// Takes the data folder for this process alone, as a server does for its
+// life and a prune while it rewrites packs (a lock on kfsd.lock, released
+// when the process ends). The descriptor that holds it, or -1 (errno
+// EWOULDBLOCK when another process holds it).
+int kfsd_datadir_lock(const std::string& dir);
+
 // Loads the server's RSA-2048 private key and its public key as PEM text
 // (SubjectPublicKeyInfo). The key, owned by the caller, or null with *error.
 EVP_PKEY* kfsd_key_load(const std::string& dir, std::string* pem,
@@ -84,6 +90,7 @@ class kfsd_writer;
 
 struct kfsd_server {
   kfsd_settings settings;
+  unique_fd folder_lock;
   kfsd_store store;
   std::unique_ptr<kfsd_writer> writer;
   EVP_PKEY* key = nullptr;
@@ -170,6 +177,7 @@ class kfsd_writer {
  private:
   static void* thread_main(void* self);
   void run();
+  void after_batch(const std::vector<kfsd_write_job*>& batch);
 
   kfsd_server* server_;
   std::mutex mutex_;
@@ -191,6 +199,8 @@ struct kfsd_conn {
   uint32_t uid = 0;
   uint8_t auth_mode = 0;
   uint8_t lock_flags = 0;  // bits of the last acquire; no effect here
+  std::string job;       // an agent's texts at login: its job's name
+  std::string job_file;  // and its job file's
   std::map<uint8_t, std::unique_ptr<kfsd_handle>> handles;
   std::map<uint8_t, kfsd_listing> listings;
 };
@@ -220,6 +230,10 @@ bool kfsd_body_done(const kfs_reader* in);
 // false with the status set when it is refused.
 bool kfsd_request_path(kfsd_request* req, const std::string& raw,
                        kfsd_path* out);
+
+// Applies the user's stored retention policy, if any, and gives back the
+// space it frees; logs what it did (history.cc).
+void kfsd_apply_policy(kfsd_store* store, uint32_t user);
 
 // The lowest handle number (1..255) not in use in map, or 0 when all are.
 template <typename Map>

@@ -126,6 +126,13 @@ int load(kfsd_server* server) {
     fprintf(stderr, "kfsd: %s\n", error.c_str());
     return -1;
   }
+  server->folder_lock.reset(kfsd_datadir_lock(dir));
+  if (!server->folder_lock) {
+    fprintf(stderr, "kfsd: %s: %s\n", dir.c_str(),
+            errno == EWOULDBLOCK ? "another kfsd is using this data folder"
+                                 : strerror(errno));
+    return -1;
+  }
   // Made when missing: a folder from an older kfsd lacks packs/, and a
   // copied one may lack the empty ones.
   for (const char* sub : {KFSD_PACKS_DIR, KFSD_TMP_DIR, KFSD_OUTBOX_DIR}) {
@@ -144,6 +151,11 @@ int load(kfsd_server* server) {
     return -1;
   }
   kfsd_store_sweep(&server->store);
+  {
+    // What a prune freed while no server ran, or while this one was down.
+    std::lock_guard<std::mutex> packing(server->store.pack_mutex);
+    kfsd_store_compact(&server->store);
+  }
   bool unclean = false;
   if (kfsd_store_mark_running(&server->store, true, &unclean) != 0) {
     fprintf(stderr, "kfsd: %s: cannot be written\n", dir.c_str());

@@ -150,6 +150,8 @@ int kfsd_request_auth(kfsd_request* req) {
     conn->authenticated = true;
     conn->uid = user.id;
     conn->auth_mode = mode;
+    conn->job = text_1;
+    conn->job_file = text_2;
     put_login_reply(req, &user);
   }
   return KFSD_REPLY;
@@ -209,7 +211,16 @@ int kfsd_request_user_lock(kfsd_request* req) {
   if (!held_elsewhere) {
     conn->server->writer->drain(kfsd_user_prefix(conn->uid));
     req->status = kfsd_store_release_stamp(&conn->server->store, conn->uid,
-                                           has_stamp, stamp);
+                                           has_stamp, stamp, conn->job,
+                                           conn->job_file);
+    if (has_stamp && req->status == 0) {
+      // The user's retention policy, if any, after the run, off the
+      // request path.
+      kfsd_write_job job;
+      job.path = kfsd_user_prefix(conn->uid);
+      job.retention = conn->uid;
+      conn->server->writer->push(std::move(job));
+    }
   }
   return KFSD_REPLY;
 }

@@ -66,3 +66,25 @@ class kfsd_txn {
 // A stream's place from a row of (stream, length, pack, offset) starting
 // at column col, pack and offset NULL for a file of its own.
 kfsd_stream_loc kfsd_stream_row(kfsd_sql* q, int col);
+
+// Adds a restore point for the user's files as they are now, inside the
+// caller's transaction. REQUIRES: store->mutex held.
+bool kfsd_point_add(kfsd_store* store, uint32_t user, const std::string& job,
+                    const std::string& job_file);
+
+// The user's point of that name; false when there is none (or on error).
+bool kfsd_point_find(sqlite3* db, uint32_t user, const std::string& name,
+                     kfsd_point* out);
+// The folder of the user's points as a listing: one folder per point,
+// with its time, the bytes its run stored as size, and the files it
+// stored in the attribute's upper 24 bits. REQUIRES: store->mutex held.
+uint32_t kfsd_points_list(kfsd_store* store, uint32_t user,
+                          const std::string& pattern,
+                          std::vector<kfsd_entry>* out);
+
+// Forgets the candidates that no block names any more: a stream in a pack
+// loses its row (its bytes stay until the pack is rewritten), one in a
+// file of its own loses the file unless a reader holds it. Runs after the
+// commit: a failure here only leaves something behind. REQUIRES:
+// store->mutex held.
+void kfsd_collect(kfsd_store* store, const std::set<std::string>& candidates);

@@ -18,7 +18,7 @@ namespace {
 // The value of meta.format that marks a kfsd database, and the schema this
 // server writes (meta.schema; a database without it is of schema 1).
 constexpr char kFormat[] = "kfsd-1";
-constexpr int kSchemaVersion = 2;
+constexpr int kSchemaVersion = 3;
 
 constexpr char kSchema[] =
     "CREATE TABLE meta(name TEXT PRIMARY KEY, value TEXT NOT NULL);"
@@ -31,23 +31,32 @@ constexpr char kSchema[] =
     " parent TEXT NOT NULL, name TEXT NOT NULL, is_dir INTEGER NOT NULL,"
     " created INTEGER NOT NULL);"
     "CREATE INDEX entries_parent ON entries(parent, name);"
-    // A file has at most one complete version and at most one upload
-    // (complete = 0); ids are never reused, so a stale handle cannot reach
-    // a newer upload.
+    // A file has complete versions, numbered by done in the order they
+    // were completed, and at most one upload (complete = 0, done NULL);
+    // ids are never reused, so a stale handle cannot reach a newer upload.
     "CREATE TABLE versions(id INTEGER PRIMARY KEY AUTOINCREMENT,"
     " user INTEGER NOT NULL, path TEXT NOT NULL, complete INTEGER NOT NULL,"
     " mtime INTEGER NOT NULL, size INTEGER NOT NULL,"
     " block_size INTEGER NOT NULL, block_count INTEGER NOT NULL,"
-    " attr BLOB NOT NULL);"
+    " attr BLOB NOT NULL, done INTEGER);"
     "CREATE INDEX versions_path ON versions(path, complete);"
     "CREATE INDEX versions_user ON versions(user, complete);"
+    "CREATE INDEX versions_done ON versions(path, done);"
     // received: skipped or ended since the upload was last opened.
     "CREATE TABLE blocks(version INTEGER NOT NULL, idx INTEGER NOT NULL,"
     " md5 BLOB, stream TEXT NOT NULL, length INTEGER NOT NULL,"
     " received INTEGER NOT NULL, PRIMARY KEY(version, idx));"
     "CREATE INDEX blocks_stream ON blocks(stream);"
     "CREATE TABLE streams(hex TEXT PRIMARY KEY, pack INTEGER NOT NULL,"
-    " offset INTEGER NOT NULL, length INTEGER NOT NULL) WITHOUT ROWID;";
+    " offset INTEGER NOT NULL, length INTEGER NOT NULL) WITHOUT ROWID;"
+    "CREATE TABLE points(id INTEGER PRIMARY KEY AUTOINCREMENT,"
+    " user INTEGER NOT NULL, name TEXT NOT NULL, time INTEGER NOT NULL,"
+    " job TEXT NOT NULL, job_file TEXT NOT NULL, files INTEGER NOT NULL,"
+    " bytes INTEGER NOT NULL, upto INTEGER NOT NULL, UNIQUE(user, name));"
+    "CREATE TABLE policies(user INTEGER PRIMARY KEY, last INTEGER NOT NULL,"
+    " hourly INTEGER NOT NULL, daily INTEGER NOT NULL,"
+    " weekly INTEGER NOT NULL, monthly INTEGER NOT NULL,"
+    " yearly INTEGER NOT NULL, within INTEGER NOT NULL);";
 
 // From schema 1: streams were files of their own, and still are until
 // they are replaced; new ones go to packs, which the streams table maps.
@@ -56,6 +65,25 @@ constexpr char kUpgradeTo2[] =
     "CREATE TABLE streams(hex TEXT PRIMARY KEY, pack INTEGER NOT NULL,"
     " offset INTEGER NOT NULL, length INTEGER NOT NULL) WITHOUT ROWID;"
     "ALTER TABLE users ADD COLUMN distrust INTEGER NOT NULL DEFAULT 0;";
+
+// From schema 2: history. Each complete version is numbered as it was
+// completed (the one version a file had gets its id, which orders them
+// too); restore points and retention policies are new.
+constexpr char kUpgradeTo3[] =
+    "ALTER TABLE versions ADD COLUMN done INTEGER;"
+    "UPDATE versions SET done = id WHERE complete = 1;"
+    "CREATE INDEX versions_done ON versions(path, done);"
+    "CREATE TABLE points(id INTEGER PRIMARY KEY AUTOINCREMENT,"
+    " user INTEGER NOT NULL, name TEXT NOT NULL, time INTEGER NOT NULL,"
+    " job TEXT NOT NULL, job_file TEXT NOT NULL, files INTEGER NOT NULL,"
+    " bytes INTEGER NOT NULL, upto INTEGER NOT NULL, UNIQUE(user, name));"
+    "CREATE TABLE policies(user INTEGER PRIMARY KEY, last INTEGER NOT NULL,"
+    " hourly INTEGER NOT NULL, daily INTEGER NOT NULL,"
+    " weekly INTEGER NOT NULL, monthly INTEGER NOT NULL,"
+    " yearly INTEGER NOT NULL, within INTEGER NOT NULL);";
+
+// The step from each schema to the next, by the schema it starts from.
+constexpr const char* kUpgrades[] = {nullptr, kUpgradeTo2, kUpgradeTo3};
 
 bool exec(sqlite3* db, const char* sql) {
   return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
@@ -99,7 +127,10 @@ bool upgrade(sqlite3* db, const std::string& path, std::string* error) {
              std::to_string(schema) + ")";
     return false;
   }
-  bool ok = exec(db, "BEGIN IMMEDIATE") && exec(db, kUpgradeTo2);
+  bool ok = exec(db, "BEGIN IMMEDIATE");
+  for (int from = schema; ok && from < kSchemaVersion; ++from) {
+    ok = exec(db, kUpgrades[from]);
+  }
   if (ok) {
     kfsd_sql q(db, "INSERT OR REPLACE INTO meta VALUES('schema', ?)");
     ok = q.bind_text(std::to_string(kSchemaVersion)).run();
@@ -140,19 +171,28 @@ uint32_t kfsd_path_parse(std::string_view raw, uint32_t uid, kfsd_path* out) {
       parts[0] != std::to_string(uid)) {
     return ERR_FSACCESS;
   }
-  out->full.clear();
-  for (size_t k = 0; k < parts.size(); ++k) {
-    std::string_view p = parts[k];
+  for (std::string_view p : parts) {
     if (p == "." || p == ".." || p.size() > KFSD_MAX_NAME ||
         p.find('\0') != std::string_view::npos) {
       return ERR_BADPATH;
     }
+  }
+  out->user = uid;
+  // The past: "/7/.points/<point>/rest" names "/7/rest" as it was then.
+  out->point.clear();
+  out->points_dir = parts.size() == 2 && parts[1] == KFSD_POINTS_DIR;
+  if (parts.size() > 2 && parts[1] == KFSD_POINTS_DIR) {
+    out->point = parts[2];
+    parts.erase(parts.begin() + 1, parts.begin() + 3);
+  }
+  out->full.clear();
+  for (size_t k = 0; k < parts.size(); ++k) {
     if (k + 1 == parts.size()) {
       out->parent = out->full;
-      out->name = p;
+      out->name = parts[k];
     }
     out->full += '/';
-    out->full += p;
+    out->full += parts[k];
   }
   out->is_root = parts.size() == 1;
   return 0;
@@ -221,6 +261,21 @@ int kfsd_store_open(const std::string& dir, kfsd_store* store,
     return -1;
   }
   store->next_version = last + 1;
+  // Completion numbers only grow: the newest version of a file is never
+  // pruned, and points keep the number they were made at.
+  int64_t done = -1;
+  {
+    kfsd_sql q(db,
+               "SELECT MAX(COALESCE((SELECT MAX(done) FROM versions), 0),"
+               " COALESCE((SELECT MAX(upto) FROM points), 0))");
+    done = q.row() ? q.i64(0) : -1;
+  }
+  if (done < 0) {
+    *error = path + ": " + sqlite3_errmsg(db);
+    kfsd_db_close(db);
+    return -1;
+  }
+  store->next_done = done + 1;
   store->dir = dir;
   store->db = db;
   return 0;
@@ -295,16 +350,29 @@ uint32_t kfsd_store_find_user(kfsd_store* store, const std::string& name,
   return 0;
 }
 
+uint32_t kfsd_store_user_ids(kfsd_store* store, std::vector<uint32_t>* out) {
+  std::lock_guard<std::mutex> hold(store->mutex);
+  kfsd_sql q(store->db, "SELECT id FROM users ORDER BY id");
+  out->clear();
+  while (q.row()) {
+    out->push_back(static_cast<uint32_t>(q.i64(0)));
+  }
+  return q.failed() ? ERR_IO : ERR_NONE;
+}
+
 uint64_t kfsd_store_bytes_used(kfsd_store* store, uint32_t id) {
   std::lock_guard<std::mutex> hold(store->mutex);
   kfsd_sql q(store->db,
-             "SELECT COALESCE(SUM(size), 0) FROM versions"
-             " WHERE user = ? AND complete = 1");
+             "SELECT COALESCE(SUM(length), 0) FROM (SELECT DISTINCT"
+             " b.stream, b.length FROM blocks b JOIN versions v"
+             " ON v.id = b.version WHERE v.user = ?)");
   return q.bind(id).row() ? static_cast<uint64_t>(q.i64(0)) : 0;
 }
 
 uint32_t kfsd_store_release_stamp(kfsd_store* store, uint32_t id,
-                                  bool has_stamp, uint32_t stamp) {
+                                  bool has_stamp, uint32_t stamp,
+                                  const std::string& job,
+                                  const std::string& job_file) {
   std::lock_guard<std::mutex> hold(store->mutex);
   kfsd_sql pending(store->db,
                    "SELECT 1 FROM versions WHERE user = ? AND complete = 0"
@@ -324,11 +392,17 @@ uint32_t kfsd_store_release_stamp(kfsd_store* store, uint32_t id,
   // stamped release ends a distrust: that is the end of a run, and the
   // next one compares everything with the listings.
   exec(store->db, "PRAGMA synchronous=FULL");
-  kfsd_sql set(store->db,
-               "UPDATE users SET stamp = ?, distrust = distrust AND NOT ?"
-               " WHERE id = ?");
-  set.bind(incomplete || distrust ? 0 : stamp).bind(has_stamp ? 1 : 0);
-  bool ok = set.bind(id).run();
+  bool ok = false;
+  {
+    kfsd_txn txn(store->db);
+    kfsd_sql set(store->db,
+                 "UPDATE users SET stamp = ?, distrust = distrust AND NOT ?"
+                 " WHERE id = ?");
+    set.bind(incomplete || distrust ? 0 : stamp).bind(has_stamp ? 1 : 0);
+    ok = txn.ok() && set.bind(id).run() &&
+         (!has_stamp || kfsd_point_add(store, id, job, job_file)) &&
+         txn.commit();
+  }
   exec(store->db, "PRAGMA synchronous=NORMAL");
   if (ok && has_stamp) {
     store->lost_rows.erase(id);
@@ -397,29 +471,42 @@ uint32_t kfsd_store_list(kfsd_store* store, const kfsd_path& dir,
                          std::vector<kfsd_entry>* out) {
   std::lock_guard<std::mutex> hold(store->mutex);
   kfsd_txn reading(store->db, false);
-  bool exists = false;
-  bool is_dir = false;
-  if (!entry_kind(store->db, dir.full, &exists, &is_dir)) {
-    return ERR_IO;
+  out->clear();
+  if (dir.points_dir) {
+    return kfsd_points_list(store, dir.user, pattern, out);
   }
-  if (!exists) {
+  // Now, or as a point shows it: its completed versions, and the folders
+  // made by then.
+  kfsd_point point;
+  bool past = !dir.point.empty();
+  if (past && !kfsd_point_find(store->db, dir.user, dir.point, &point)) {
     return ERR_BADPATH;
   }
-  if (!is_dir) {
+  kfsd_sql here(store->db, "SELECT is_dir, created FROM entries WHERE path = ?");
+  if (!here.bind_text(dir.full).row() ||
+      (past && here.i64(1) > point.time)) {
+    return here.failed() ? ERR_IO : ERR_BADPATH;
+  }
+  if (here.i64(0) == 0) {
     return ERR_NOTDIR;
   }
-  // An upload that is still open or was cut off is newer than the
-  // complete version (it would have been dropped otherwise), so it is
-  // what the listing shows, marked as needing a backup.
-  kfsd_sql q(store->db,
-             "SELECT e.name, e.is_dir, e.created,"
-             " (SELECT id FROM versions v WHERE v.path = e.path"
-             "  ORDER BY v.complete ASC, v.id DESC LIMIT 1) AS vid"
-             " FROM entries e WHERE e.parent = ? ORDER BY e.name");
+  // Now, an upload that is still open or was cut off is newer than the
+  // complete version, so it is what the listing shows, marked as needing
+  // a backup.
+  kfsd_sql now(store->db,
+               "SELECT e.name, e.is_dir, e.created,"
+               " (SELECT id FROM versions v WHERE v.path = e.path"
+               "  ORDER BY v.complete ASC, v.done DESC LIMIT 1) AS vid"
+               " FROM entries e WHERE e.parent = ? ORDER BY e.name");
+  kfsd_sql then(store->db,
+                "SELECT e.name, e.is_dir, e.created,"
+                " (SELECT id FROM versions v WHERE v.path = e.path"
+                "  AND v.done <= ? ORDER BY v.done DESC LIMIT 1) AS vid"
+                " FROM entries e WHERE e.parent = ? ORDER BY e.name");
+  kfsd_sql& q = past ? then.bind(point.upto) : now;
   kfsd_sql version(store->db,
                    "SELECT complete, mtime, size FROM versions WHERE id = ?");
   q.bind_text(dir.full);
-  out->clear();
   while (q.row()) {
     kfsd_entry e;
     e.name = q.text(0);
@@ -427,12 +514,15 @@ uint32_t kfsd_store_list(kfsd_store* store, const kfsd_path& dir,
       continue;
     }
     if (q.i64(1) != 0) {
+      if (past && q.i64(2) > point.time) {
+        continue;  // made after the point
+      }
       e.kind = 1;
       e.attr = KFSD_ATTR_DIRECTORY;
       e.mtime = q.i64(2);
     } else {
       if (q.is_null(3)) {
-        continue;  // a file with no version at all: nothing to show
+        continue;  // a file with no version (then): nothing to show
       }
       version.reset();
       if (!version.bind(q.i64(3)).row()) {

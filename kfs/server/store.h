@@ -30,6 +30,8 @@ constexpr char KFSD_BLOCKS_DIR[] = "blocks";    // older streams, a file each
 constexpr char KFSD_TMP_DIR[] = "tmp";          // messages being written
 constexpr char KFSD_OUTBOX_DIR[] = "outbox";    // one file per e-mail
 constexpr char KFSD_KEYS_DIR[] = "keys";        // generated account keys
+// Below a user's root: the read-only folder of restore points.
+constexpr char KFSD_POINTS_DIR[] = ".points";
 
 // Where a block stream's bytes lie: a range of a pack file, or (in folders
 // written before packs) a file of its own named by the stream.
@@ -53,6 +55,11 @@ struct kfsd_store {
   std::set<std::string> in_flight;
   // Uploads get their version ids here, before their rows are written.
   int64_t next_version = 1;
+  // The number the next completed version gets: a file's versions and the
+  // points that show them are ordered by it.
+  int64_t next_done = 1;
+  // Packs that open read handles use: not rewritten while so.
+  std::map<int64_t, int> pinned_packs;
   // Users whose queued rows a failed batch lost: their next stamp is
   // withheld, as after an unclean stop.
   std::set<uint32_t> lost_rows;
@@ -83,6 +90,12 @@ struct kfsd_path {
   std::string parent;
   std::string name;
   bool is_root = false;
+  // "/7/.points/<point>/a" is "/7/a" as the point shows it: point is its
+  // name; "/7/.points" itself is the folder of the points.
+  std::string point;
+  bool points_dir = false;
+  uint32_t user = 0;
+  bool read_only() const { return points_dir || !point.empty(); }
 };
 
 // One entry of a directory listing.
@@ -152,14 +165,21 @@ uint32_t kfsd_store_get_user(kfsd_store* store, uint32_t id, kfsd_user* out);
 // unique); ERR_AUTH_FAILURE when there is none.
 uint32_t kfsd_store_find_user(kfsd_store* store, const std::string& name,
                               const uint8_t key_sha1[20], kfsd_user* out);
-// Sum of the sizes of the user's complete files.
+// Every user's id, in order; 0, ERR_IO.
+uint32_t kfsd_store_user_ids(kfsd_store* store, std::vector<uint32_t>* out);
+// The bytes the user's streams take, each stream counted once however many
+// versions and points name it.
 uint64_t kfsd_store_bytes_used(kfsd_store* store, uint32_t id);
 // Stores the stamp of a lock release. While any upload of the user is
 // incomplete, or after an unclean stop (below), the stamp becomes 0
 // instead, with or without a stamp given, so the agent's next run
 // distrusts its index and compares listings.
+// A stamped release ends a run: it also makes a restore point, named by
+// the job texts the agent gave at login.
 uint32_t kfsd_store_release_stamp(kfsd_store* store, uint32_t id,
-                                  bool has_stamp, uint32_t stamp);
+                                  bool has_stamp, uint32_t stamp,
+                                  const std::string& job,
+                                  const std::string& job_file);
 // Records, durably, that a server serves the store (running) or stopped
 // cleanly. Starting while the record says running means the last server
 // died: *unclean is set and every user's next stamped release stores 0
@@ -195,6 +215,7 @@ struct kfsd_write_job {
   int64_t version = 0;
   std::string path;    // the file's remote path
   std::optional<kfsd_open_rows> open;  // an open's rows
+  std::optional<uint32_t> retention;   // a run ended: the user's policy
   bool close = false;  // a close; otherwise (and not an open) a block's end
   uint32_t index = 0;
   bool has_md5 = false;
@@ -244,3 +265,73 @@ bool kfsd_pack_flush(kfsd_store* store);
 // The file of a stream that has one of its own, and of a pack.
 std::string kfsd_loose_path(const kfsd_store* store, const std::string& hex);
 std::string kfsd_pack_path(const kfsd_store* store, int64_t pack);
+
+// ---------------------------------------------------------------------------
+// History (history.cc, retention.cc): restore points and what they keep.
+
+// The state of a user's files when a run completed.
+struct kfsd_point {
+  int64_t id = 0;
+  std::string name;  // unique for the user: the time (UTC) and the job
+  int64_t time = 0;
+  std::string job;
+  std::string job_file;
+  uint64_t files = 0;  // what the run stored
+  uint64_t bytes = 0;
+  int64_t upto = 0;  // the last completion the point shows
+};
+
+// The user's points, oldest first.
+uint32_t kfsd_store_points(kfsd_store* store, uint32_t user,
+                           std::vector<kfsd_point>* out);
+
+// Which points to keep. A count of 0 leaves its rule out; with no rule at
+// all every point is kept.
+struct kfsd_retention {
+  uint32_t last = 0;
+  uint32_t hourly = 0;
+  uint32_t daily = 0;
+  uint32_t weekly = 0;
+  uint32_t monthly = 0;
+  uint32_t yearly = 0;
+  int64_t within = 0;  // seconds back from the newest point
+  bool empty() const {
+    return last == 0 && hourly == 0 && daily == 0 && weekly == 0 &&
+           monthly == 0 && yearly == 0 && within == 0;
+  }
+};
+
+// The ids of the points the rules keep, each job's points (same job and
+// job file) judged as a series of their own: the newest of each period,
+// counting back from the series' newest point, in local time.
+std::set<int64_t> kfsd_retention_keep(const std::vector<kfsd_point>& points,
+                                      const kfsd_retention& rules);
+// "7d", "12h", "2w", "6m" (30 days), "1y" (365 days) and sums of them
+// ("1y6m"); false for anything else.
+bool kfsd_parse_duration(const std::string& text, int64_t* seconds);
+
+struct kfsd_prune_result {
+  std::vector<kfsd_point> kept;
+  std::vector<kfsd_point> removed;
+  uint64_t versions = 0;  // versions no kept point shows
+  uint64_t streams = 0;   // streams nothing names any more
+  uint64_t bytes = 0;     // their bytes
+};
+
+// Removes the points the rules do not keep, the versions no kept point
+// shows (never a file's newest complete version, nor an upload), and the
+// streams nothing names then; with dry_run only says so. One transaction.
+uint32_t kfsd_store_prune(kfsd_store* store, uint32_t user,
+                          const kfsd_retention& rules, bool dry_run,
+                          kfsd_prune_result* out);
+// The user's stored policy (empty when none); 0, ERR_IO.
+uint32_t kfsd_store_get_policy(kfsd_store* store, uint32_t user,
+                               kfsd_retention* out);
+// Stores the user's policy (an empty one removes it); 0, ERR_AUTH_FAILURE
+// for an unknown user, ERR_IO.
+uint32_t kfsd_store_set_policy(kfsd_store* store, uint32_t user,
+                               const kfsd_retention& rules);
+// Gives back the space of streams no longer stored: a pack that is mostly
+// such space is copied without it and removed. Bytes given back.
+// REQUIRES: store->pack_mutex held, and no other process writing packs.
+uint64_t kfsd_store_compact(kfsd_store* store);

@@ -30,13 +30,37 @@ struct version_row {
   uint32_t block_count = 0;
 };
 
-// The path's version with that complete flag (the newest), if any.
+// The path's upload (complete 0), or its newest complete version (1), if
+// any.
 bool find_version(sqlite3* db, const std::string& path, int complete,
                   version_row* out) {
+  kfsd_sql upload(db,
+                  "SELECT id, mtime, size, block_size, block_count FROM"
+                  " versions WHERE path = ? AND complete = 0"
+                  " ORDER BY id DESC LIMIT 1");
+  kfsd_sql newest(db,
+                  "SELECT id, mtime, size, block_size, block_count FROM"
+                  " versions WHERE path = ? AND done IS NOT NULL"
+                  " ORDER BY done DESC LIMIT 1");
+  kfsd_sql& q = complete != 0 ? newest : upload;
+  if (!q.bind_text(path).row()) {
+    return false;
+  }
+  out->id = q.i64(0);
+  out->mtime = q.i64(1);
+  out->size = static_cast<uint64_t>(q.i64(2));
+  out->block_size = static_cast<uint32_t>(q.i64(3));
+  out->block_count = static_cast<uint32_t>(q.i64(4));
+  return true;
+}
+
+// The path's version a point shows: the newest completed by upto.
+bool version_at(sqlite3* db, const std::string& path, int64_t upto,
+                version_row* out) {
   kfsd_sql q(db,
              "SELECT id, mtime, size, block_size, block_count FROM versions"
-             " WHERE path = ? AND complete = ? ORDER BY id DESC LIMIT 1");
-  if (!q.bind_text(path).bind(complete).row()) {
+             " WHERE path = ? AND done <= ? ORDER BY done DESC LIMIT 1");
+  if (!q.bind_text(path).bind(upto).row()) {
     return false;
   }
   out->id = q.i64(0);
@@ -59,11 +83,9 @@ bool delete_version(sqlite3* db, int64_t id, std::set<std::string>* gone) {
   return !streams.failed() && blocks.bind(id).run() && version.bind(id).run();
 }
 
-// Forgets the candidates that no block names any more: a stream in a pack
-// loses its row (its bytes stay until the pack is rewritten), one in a
-// file of its own loses the file unless a reader holds it. Runs after the
-// commit: a failure here only leaves something behind.
-void collect(kfsd_store* store, const std::set<std::string>& candidates) {
+}  // namespace
+
+void kfsd_collect(kfsd_store* store, const std::set<std::string>& candidates) {
   kfsd_sql q(store->db, "SELECT 1 FROM blocks WHERE stream = ? LIMIT 1");
   kfsd_sql forget(store->db, "DELETE FROM streams WHERE hex = ?");
   for (const std::string& hex : candidates) {
@@ -82,6 +104,8 @@ void collect(kfsd_store* store, const std::set<std::string>& candidates) {
     }
   }
 }
+
+namespace {
 
 // An upload (a version not complete) that a handle may still write to.
 bool open_upload(sqlite3* db, int64_t id, std::string* path, version_row* out) {
@@ -174,7 +198,7 @@ void kfsd_store_sweep(kfsd_store* store) {
       }
     }
   }
-  collect(store, found);
+  kfsd_collect(store, found);
 }
 
 uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
@@ -232,7 +256,7 @@ uint32_t kfsd_store_wopen(kfsd_store* store, uint32_t uid,
     if (!ok || !txn.commit()) {
       return ERR_IO;
     }
-    collect(store, gone);
+    kfsd_collect(store, gone);
     return ERR_UP2DATE;
   }
   // An upload of the same size and block size is resumed: its blocks
@@ -307,7 +331,7 @@ uint32_t kfsd_store_skip_block(kfsd_store* store, int64_t version,
       !txn.commit()) {
     return ERR_IO;
   }
-  collect(store, gone);
+  kfsd_collect(store, gone);
   return ERR_UP2DATE;
 }
 
@@ -344,8 +368,10 @@ bool open_upload_rows(sqlite3* db, const kfsd_write_job& job,
 }
 
 // A close inside the batch's transaction: the upload becomes the path's
-// version when every block was received; otherwise it stays pending.
-bool close_upload(sqlite3* db, int64_t version, std::set<std::string>* gone) {
+// newest version when every block was received (the ones before it stay,
+// for the points that show them); otherwise it stays pending.
+bool close_upload(kfsd_store* store, int64_t version) {
+  sqlite3* db = store->db;
   std::string path;
   version_row upload;
   if (!open_upload(db, version, &path, &upload)) {
@@ -360,13 +386,8 @@ bool close_upload(sqlite3* db, int64_t version, std::set<std::string>* gone) {
   if (received.i64(0) != upload.block_count) {
     return true;  // stays an incomplete upload; the listing marks it
   }
-  version_row current;
-  bool ok = true;
-  while (ok && find_version(db, path, 1, &current)) {
-    ok = delete_version(db, current.id, gone);
-  }
-  kfsd_sql done(db, "UPDATE versions SET complete = 1 WHERE id = ?");
-  return ok && done.bind(version).run();
+  kfsd_sql done(db, "UPDATE versions SET complete = 1, done = ? WHERE id = ?");
+  return done.bind(store->next_done++).bind(version).run();
 }
 
 void set_status(kfsd_write_job* job, uint32_t status) {
@@ -380,23 +401,30 @@ void set_status(kfsd_write_job* job, uint32_t status) {
 void kfsd_store_write(kfsd_store* store, bool sync,
                       const std::vector<kfsd_write_job*>& jobs) {
   std::lock_guard<std::mutex> packing(store->pack_mutex);
-  // Which streams are new: neither stored nor earlier in this batch.
-  std::map<std::string, kfsd_stream_loc> fresh;
+  // Where each block's stream lies: stored already, or appended now when
+  // it is neither stored nor earlier in this batch.
+  std::map<std::string, kfsd_stream_loc> places;
   std::vector<kfsd_write_job*> to_append;
   {
     std::lock_guard<std::mutex> hold(store->mutex);
-    kfsd_sql known(store->db, "SELECT 1 FROM streams WHERE hex = ?");
+    kfsd_sql known(store->db,
+                   "SELECT hex, length, pack, offset FROM streams"
+                   " WHERE hex = ?");
     for (kfsd_write_job* job : jobs) {
-      if (job->close || job->open || fresh.count(job->sha256_hex) != 0) {
+      if (job->close || job->open || job->retention ||
+          places.count(job->sha256_hex) != 0) {
         continue;
       }
       known.reset();
       if (!known.bind_text(job->sha256_hex).row()) {
-        fresh[job->sha256_hex] = {};
+        places[job->sha256_hex] = {};
         to_append.push_back(job);
       } else {
         // Stored already: kept until this batch names it, whatever
-        // another request deletes meanwhile.
+        // another request deletes meanwhile (and its row written again
+        // should a prune in another process take it: its bytes stay until
+        // this server rewrites the pack).
+        places[job->sha256_hex] = kfsd_stream_row(&known, 0);
         store->in_flight.insert(job->sha256_hex);
       }
     }
@@ -405,15 +433,15 @@ void kfsd_store_write(kfsd_store* store, bool sync,
   // read it are not held up by the disk.
   std::set<std::string> lost;
   for (kfsd_write_job* job : to_append) {
-    kfsd_stream_loc& loc = fresh[job->sha256_hex];
+    kfsd_stream_loc& loc = places[job->sha256_hex];
     loc.hex = job->sha256_hex;
     if (!kfsd_pack_append(store, job->data, &loc)) {
       lost.insert(job->sha256_hex);
     }
   }
   if (sync && !to_append.empty() && !kfsd_pack_flush(store)) {
-    for (const auto& [hex, loc] : fresh) {
-      lost.insert(hex);
+    for (kfsd_write_job* job : to_append) {
+      lost.insert(job->sha256_hex);
     }
   }
 
@@ -428,12 +456,15 @@ void kfsd_store_write(kfsd_store* store, bool sync,
   bool ok = txn.ok();
   for (kfsd_write_job* job : jobs) {
     if (job->close) {
-      ok = ok && close_upload(db, job->version, &gone);
+      ok = ok && close_upload(store, job->version);
       continue;
     }
     if (job->open) {
       ok = ok && open_upload_rows(db, *job, &gone);
       continue;
+    }
+    if (job->retention) {
+      continue;  // after the commit
     }
     std::string path;
     version_row upload;
@@ -442,8 +473,8 @@ void kfsd_store_write(kfsd_store* store, bool sync,
     } else if (!open_upload(db, job->version, &path, &upload)) {
       set_status(job, ERR_BADKEY);
     } else {
-      auto it = fresh.find(job->sha256_hex);
-      if (it != fresh.end()) {
+      auto it = places.find(job->sha256_hex);
+      if (it != places.end() && it->second.pack >= 0) {
         const kfsd_stream_loc& loc = it->second;
         add.reset();
         add.bind_text(loc.hex).bind(loc.pack);
@@ -471,7 +502,7 @@ void kfsd_store_write(kfsd_store* store, bool sync,
   for (kfsd_write_job* job : jobs) {
     gone.erase(job->sha256_hex);
   }
-  collect(store, gone);
+  kfsd_collect(store, gone);
 }
 
 uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
@@ -479,6 +510,14 @@ uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
   std::lock_guard<std::mutex> hold(store->mutex);
   sqlite3* db = store->db;
   kfsd_txn reading(db, false);
+  if (path.points_dir) {
+    return ERR_NOTFILE;
+  }
+  kfsd_point point;
+  if (!path.point.empty() &&
+      !kfsd_point_find(db, path.user, path.point, &point)) {
+    return ERR_BADPATH;
+  }
   kfsd_sql entry(db, "SELECT is_dir FROM entries WHERE path = ?");
   if (!entry.bind_text(path.full).row()) {
     return entry.failed() ? ERR_IO : ERR_BADPATH;
@@ -487,7 +526,8 @@ uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
     return ERR_NOTFILE;
   }
   version_row current;
-  if (!find_version(db, path.full, 1, &current)) {
+  if (path.point.empty() ? !find_version(db, path.full, 1, &current)
+                         : !version_at(db, path.full, point.upto, &current)) {
     return ERR_BADPATH;  // only an incomplete upload: nothing to read
   }
   kfsd_sql attr(db, "SELECT attr FROM versions WHERE id = ?");
@@ -508,6 +548,7 @@ uint32_t kfsd_store_ropen(kfsd_store* store, const kfsd_path& path,
   }
   for (const kfsd_stream_loc& loc : out->blocks) {
     ++store->pinned[loc.hex];
+    ++store->pinned_packs[loc.pack];
   }
   out->mtime = current.mtime;
   out->size = current.size;
@@ -519,13 +560,17 @@ void kfsd_store_unpin(kfsd_store* store,
   std::lock_guard<std::mutex> hold(store->mutex);
   std::set<std::string> released;
   for (const kfsd_stream_loc& loc : blocks) {
+    auto pack = store->pinned_packs.find(loc.pack);
+    if (pack != store->pinned_packs.end() && --pack->second == 0) {
+      store->pinned_packs.erase(pack);
+    }
     auto it = store->pinned.find(loc.hex);
     if (it != store->pinned.end() && --it->second == 0) {
       store->pinned.erase(it);
       released.insert(loc.hex);
     }
   }
-  collect(store, released);
+  kfsd_collect(store, released);
 }
 
 kfsd_stream_loc kfsd_stream_row(kfsd_sql* q, int col) {

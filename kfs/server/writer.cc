@@ -27,6 +27,17 @@ bool kfsd_writer::start() {
   return started_;
 }
 
+// Runs the retention policies of the users whose runs ended in the batch:
+// after their rows are stored, and one batch at a time, as rewriting packs
+// requires.
+void kfsd_writer::after_batch(const std::vector<kfsd_write_job*>& batch) {
+  for (const kfsd_write_job* job : batch) {
+    if (job->retention) {
+      kfsd_apply_policy(&server_->store, *job->retention);
+    }
+  }
+}
+
 void* kfsd_writer::thread_main(void* self) {
   static_cast<kfsd_writer*>(self)->run();
   return nullptr;
@@ -48,6 +59,7 @@ void kfsd_writer::push(kfsd_write_job job) {
   if (!started_) {
     std::lock_guard<std::mutex> one(batch_mutex_);
     kfsd_store_write(&server_->store, server_->settings.sync, {&job});
+    after_batch({&job});
     return;
   }
   std::unique_lock<std::mutex> hold(mutex_);
@@ -104,6 +116,7 @@ void kfsd_writer::run() {
     }
     hold.unlock();
     kfsd_store_write(&server_->store, server_->settings.sync, batch);
+    after_batch(batch);
     hold.lock();
     for (size_t i = 0; i < n; ++i) {
       queued_bytes_ -= queue_.front().data.size();

@@ -89,8 +89,13 @@ std::string backup_service::verify(const std::string& src) const {
 }
 
 std::string backup_service::check_store() const {
-  run_result r = run_program(KFSD_PATH, {"kfsd", "check", data});
+  run_result r = kfsd({"check", data});
   return r.exit_code == 0 ? "" : r.out + r.err;
+}
+
+run_result backup_service::kfsd(std::vector<std::string> args) const {
+  args.insert(args.begin(), "kfsd");
+  return run_program(KFSD_PATH, args);
 }
 
 void backup_service::next_second() {

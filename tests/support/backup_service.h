@@ -42,6 +42,8 @@ class backup_service {
   std::string verify(const std::string& src) const;
   // `kfsd check` of the data folder: "" when consistent, else its output.
   std::string check_store() const;
+  // kfsd with args.
+  run_result kfsd(std::vector<std::string> args) const;
 
   // Waits for the clock's next second. The index and the service share a
   // stamp of whole seconds, so a run that starts in the second in which a

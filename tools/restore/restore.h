@@ -24,6 +24,9 @@ struct restore_options {
   std::string local;        // the folder it is restored into
   std::string verify_tree;  // --verify: the local tree to compare with
   bool list = false;
+  bool points = false;  // list the restore points
+  std::string at;       // --at as given
+  int64_t at_time = 0;  // and as a time
   bool overwrite = false;
   int jobs = 4;  // processes restoring at once
   bool progress = false;  // show progress (on a terminal)
@@ -34,6 +37,11 @@ struct restore_options {
 // RESTORE_EXIT_USAGE with the reason in *error.
 int restore_parse_args(int argc, char** argv, restore_options* options,
                        std::string* error);
+
+// A time the way --at takes it (local time): "2026-11-24" (the end of that
+// day), "2026-11-24 18:30" or "2026-11-24 18:30:05" ('T' may part date
+// and time). false when it is none of those.
+bool restore_parse_when(const std::string& text, int64_t* out);
 
 // The usage text.
 const char* restore_usage();

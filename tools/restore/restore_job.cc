@@ -39,6 +39,13 @@ int restore_job::run() {
   if (rc != RESTORE_EXIT_OK) {
     return rc;
   }
+  if (o_.points) {
+    return print_points();
+  }
+  rc = o_.at.empty() ? RESTORE_EXIT_OK : resolve_at();
+  if (rc != RESTORE_EXIT_OK) {
+    return rc;
+  }
   rc = load_tree();
   if (rc != RESTORE_EXIT_OK) {
     return rc;
@@ -114,10 +121,11 @@ int restore_job::open_session() {
   }
 }
 
-// Lists the folder at path; entries get rel names below prefix.
+// Lists the folder at path, and with deep everything below it; entries get
+// rel names below prefix.
 uint32_t restore_job::list_folder(const std::string& path,
                                   const std::string& prefix,
-                                  std::vector<remote_entry>* out) {
+                                  std::vector<remote_entry>* out, bool deep) {
   if (path.size() >= 256) {
     return ERR_INVARG;  // the listing request cannot name it
   }
@@ -140,7 +148,8 @@ uint32_t restore_job::list_folder(const std::string& path,
       r.is_dir = (e->word & KFS_ATTR_DIRECTORY) != 0;
       r.complete = (e->word & KFS_ATTR_NEEDS_BACKUP) == 0;
       r.mtime = static_cast<int64_t>(e->mtime);
-      r.size = r.is_dir ? 0 : e->size;
+      r.size = e->size;
+      r.word = e->word;
       here.push_back(std::move(r));
     }
     uint16_t count = f.count;
@@ -160,9 +169,9 @@ uint32_t restore_job::list_folder(const std::string& path,
     bool dir = r.is_dir;
     std::string rel = r.rel;
     out->push_back(std::move(r));
-    if (dir) {
+    if (dir && deep) {
       std::string child = join(path, base_name(rel));
-      uint32_t rc = list_folder(child, rel + "/", out);
+      uint32_t rc = list_folder(child, rel + "/", out, true);
       if (rc != 0) {
         report_failure(child, "cannot list it: " + code_text(rc));
       }
@@ -172,11 +181,11 @@ uint32_t restore_job::list_folder(const std::string& path,
 }
 
 int restore_job::load_tree() {
-  remote_ = o_.remote;
+  remote_ = at_remote_.empty() ? o_.remote : at_remote_;
   while (remote_.size() > 1 && remote_.back() == '/') {
     remote_.pop_back();
   }
-  uint32_t rc = list_folder(remote_, "", &entries_);
+  uint32_t rc = list_folder(remote_, "", &entries_, true);
   if (rc == 0) {
     remote_is_dir_ = true;
     return RESTORE_EXIT_OK;
@@ -203,14 +212,76 @@ int restore_job::load_tree() {
 
 uint32_t restore_job::list_folder_flat(const std::string& path,
                                        std::vector<remote_entry>* out) {
-  std::vector<remote_entry> all;
-  uint32_t rc = list_folder(path, "", &all);
-  for (remote_entry& e : all) {
-    if (e.rel.find('/') == std::string::npos) {
-      out->push_back(std::move(e));
+  return list_folder(path, "", out, false);
+}
+
+// --- restore points ----------------------------------------------------------
+
+// The folder of the account's points; each entry is a point: its name is
+// its time (UTC) and job, its size the bytes its run stored, and the
+// attribute's upper 24 bits the files.
+uint32_t restore_job::list_points(std::vector<remote_entry>* out) {
+  uint32_t rc = list_folder_flat("/" + std::to_string(o_.user) + "/.points",
+                                 out);
+  std::stable_sort(out->begin(), out->end(),
+                   [](const remote_entry& a, const remote_entry& b) {
+                     return a.mtime < b.mtime;
+                   });
+  return rc;
+}
+
+// The job of a point: its name after the time.
+std::string restore_job::point_job(const remote_entry& e) {
+  size_t space = e.rel.find(' ');
+  return space == std::string::npos ? "-" : e.rel.substr(space + 1);
+}
+
+int restore_job::print_points() {
+  std::vector<remote_entry> points;
+  uint32_t rc = list_points(&points);
+  if (rc != 0) {
+    return fatal("cannot list the restore points: %s", code_text(rc).c_str());
+  }
+  for (const remote_entry& e : points) {
+    printf("%-19s  %-24s %8llu files %15llu bytes\n",
+           time_text(e.mtime).c_str(), point_job(e).c_str(),
+           static_cast<unsigned long long>(e.word >> 8),
+           static_cast<unsigned long long>(e.size));
+  }
+  printf("%s\n", points.empty() ? "No restore points yet: a backup run makes"
+                                  " one when it completes"
+                                : count_of(points.size(), "point").c_str());
+  return RESTORE_EXIT_OK;
+}
+
+// Points --at at the newest point at or before its time: the remote path
+// is then read below that point's folder.
+int restore_job::resolve_at() {
+  std::vector<remote_entry> points;
+  uint32_t rc = list_points(&points);
+  if (rc != 0) {
+    return fatal("cannot list the restore points: %s", code_text(rc).c_str());
+  }
+  const remote_entry* chosen = nullptr;
+  for (const remote_entry& e : points) {
+    if (e.mtime <= o_.at_time) {
+      chosen = &e;
     }
   }
-  return rc;
+  if (chosen == nullptr) {
+    return fatal("no restore point at or before %s%s%s", o_.at.c_str(),
+                 points.empty() ? "" : "; the first is from ",
+                 points.empty() ? "" : time_text(points[0].mtime).c_str());
+  }
+  std::string root = "/" + std::to_string(o_.user);
+  const std::string& r = o_.remote;
+  if (r.compare(0, root.size(), root) != 0 ||
+      (r.size() > root.size() && r[root.size()] != '/')) {
+    return fatal("with --at the remote path must lie below %s", root.c_str());
+  }
+  at_remote_ = root + "/.points/" + chosen->rel + r.substr(root.size());
+  at_text_ = time_text(chosen->mtime) + ", " + point_job(*chosen);
+  return RESTORE_EXIT_OK;
 }
 
 std::string restore_job::remote_path(const remote_entry& e) const {
@@ -356,7 +427,7 @@ void restore_job::start_progress() {
   uint64_t bytes = 0;
   for (const remote_entry& e : entries_) {
     files += !e.is_dir;
-    bytes += e.size;
+    bytes += e.is_dir ? 0 : e.size;
   }
   progress_.start(o_.progress, files, bytes);
 }
@@ -383,6 +454,9 @@ void restore_job::summary(double seconds) {
   }
   if (failed_ > 0) {
     text += "; " + std::to_string(failed_) + " failed";
+  }
+  if (!at_text_.empty()) {
+    text += " (as at " + at_text_ + ")";
   }
   printf("%s in %.1f s\n", text.c_str(), seconds);
 }

@@ -32,6 +32,7 @@ struct remote_entry {
   bool complete = true;  // the listing holds a complete copy of this state
   int64_t mtime = 0;
   uint64_t size = 0;
+  uint32_t word = 0;  // the listing's attribute
 };
 
 enum class fetch_status { ok, failed, retry, wrong_key };
@@ -116,11 +117,17 @@ class restore_job {
   // The session and the remote tree.
   int open_session();
   uint32_t list_folder(const std::string& path, const std::string& prefix,
-                       std::vector<remote_entry>* out);
+                       std::vector<remote_entry>* out, bool deep);
   int load_tree();
   uint32_t list_folder_flat(const std::string& path,
                             std::vector<remote_entry>* out);
   std::string remote_path(const remote_entry& e) const;
+
+  // Restore points.
+  uint32_t list_points(std::vector<remote_entry>* out);
+  static std::string point_job(const remote_entry& e);
+  int print_points();
+  int resolve_at();
 
   // Fetching one file.
   fetch_status stream_file(const kfs_ropen_args& info, const block_sink& sink,
@@ -181,6 +188,8 @@ class restore_job {
   std::unique_ptr<block_decoder> decoder_;
   std::unique_ptr<uint8_t[]> read_buffer_;
   std::string remote_;
+  std::string at_remote_;  // with --at: the remote path below its point
+  std::string at_text_;    // and the point, as the summary names it
   bool remote_is_dir_ = false;
   std::vector<remote_entry> entries_;
   mode_t file_mode_ = 0644;

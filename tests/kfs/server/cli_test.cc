@@ -77,6 +77,15 @@ TEST_F(Cli, ErrorsAndExitStatuses) {
        {"user", "add", "missing", "--id", "9", "--name", "x"},
        1,
        "no data folder"},
+      {"a second server on a folder in use", {"serve", data}, 1,
+       "another kfsd"},
+      {"policy of no one", {"user", "set", data, "--id", "9"}, 1, "no user 9"},
+      {"policy count", {"user", "set", data, "--id", "7", "--keep-daily",
+                        "x"}, 2, "--keep-daily"},
+      {"prune whom", {"prune", data}, 2, "--user N or --all"},
+      {"prune both", {"prune", data, "--user", "7", "--all"}, 2, "--all"},
+      {"prune within", {"prune", data, "--all", "--keep-within", "7"}, 2,
+       "a duration"},
   };
   for (const auto& t : cases) {
     SCOPED_TRACE(t.name);

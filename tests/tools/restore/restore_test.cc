@@ -143,6 +143,12 @@ class RoundTrip : public TempDirTest {
   static std::string remote_of(const std::string& local) {
     return backup_service::remote_of(local);
   }
+  // A copy of src as dir()/name, times and modes kept; the next run
+  // starts in a later second, so each run's point has a time of its own.
+  void snapshot(const std::string& src, const std::string& name) {
+    ASSERT_EQ(system(("cp -a " + src + " " + dir() + "/" + name).c_str()), 0);
+    backup_service::next_second();
+  }
 
   backup_service svc_;
 };
@@ -178,7 +184,7 @@ TEST_F(RoundTrip, RandomTreesComeBackIdentical) {
   }
 }
 
-TEST_F(RoundTrip, LaterBackupsWinAndVerifySaysWhatChanged) {
+TEST_F(RoundTrip, LaterBackupsWinAndEveryPointRestoresAsItWas) {
   start();
   std::string src = dir() + "/src";
   make_tree(src, {"incremental", 5, 3, 20, 5 * kBlock});
@@ -190,6 +196,7 @@ TEST_F(RoundTrip, LaterBackupsWinAndVerifySaysWhatChanged) {
     write_file(src + f, content(gen, 3 * kBlock, false));
     set_time(src + f, 1000000000);
   }
+  snapshot(src, "v1");
   back_up(src);
 
   // One block of a file rewritten in place, a file grown and one cut, one
@@ -214,11 +221,70 @@ TEST_F(RoundTrip, LaterBackupsWinAndVerifySaysWhatChanged) {
     EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
   }
 
+  snapshot(src, "v2");
   back_up(src);
   r = restore({remote_of(src), dir() + "/out"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(tree_differences(src, dir() + "/out/src"),
             std::vector<std::string>{});
+
+  // A third run after a file is deleted on the box: the service is never
+  // told, so every point keeps it.
+  ASSERT_EQ(unlink((src + files[3]).c_str()), 0);
+  write_file(src + "/fixed/new", "newer");
+  snapshot(src, "v3");
+  ASSERT_EQ(system(("cp -a " + dir() + "/v2" + files[3] + " " + dir() +
+                    "/v3/fixed/")
+                       .c_str()),
+            0);
+  back_up(src);
+
+  // Each point restores, lists and verifies as its run left the tree.
+  r = restore({"--points"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  std::vector<std::string> times;
+  for (size_t at = 0; (at = r.out.find("  rt  ", at)) != std::string::npos;
+       at += 6) {
+    times.push_back(r.out.substr(r.out.rfind('\n', at) + 1, 19));
+  }
+  ASSERT_EQ(times.size(), 3u) << r.out;
+  for (int i = 0; i < 3; ++i) {
+    std::string want = dir() + "/v" + std::to_string(i + 1);
+    std::string out = dir() + "/at" + std::to_string(i + 1);
+    SCOPED_TRACE(times[i]);
+    r = restore({"--at", times[i], remote_of(src), out});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(tree_differences(want, out + "/src"), std::vector<std::string>{});
+    r = restore({"--at", times[i], "--verify", want, remote_of(src)});
+    EXPECT_NE(r.out.find("no differences"), std::string::npos) << r.out;
+  }
+  EXPECT_EQ(svc_.check_store(), "");
+
+  // Retention to the last point: it, and only it, is left, whole.
+  r = svc_.kfsd({"prune", svc_.data, "--user", "7", "--keep-last", "1"});
+  EXPECT_NE(r.out.find("kept 1 points, removed 2"), std::string::npos)
+      << r.out << r.err;
+  EXPECT_EQ(svc_.check_store(), "");
+  r = restore({"--points"});
+  EXPECT_NE(r.out.find("\n1 point\n"), std::string::npos) << r.out;
+  r = restore({"--at", times[2], "--verify", dir() + "/v3", remote_of(src)});
+  EXPECT_NE(r.out.find("no differences"), std::string::npos) << r.out;
+  r = restore({"--at", times[0], "--list", remote_of(src)});
+  EXPECT_EQ(r.exit_code, 3);
+  EXPECT_NE(r.err.find("no restore point at or before"), std::string::npos);
+
+  // A stored policy is applied by the server after each completed run.
+  ASSERT_EQ(svc_.kfsd({"user", "set", svc_.data, "--id", "7", "--keep-last",
+                       "2"})
+                .exit_code,
+            0);
+  for (int run = 0; run < 2; ++run) {
+    backup_service::next_second();
+    back_up(src);
+  }
+  EXPECT_NE(restore({"--points"}).out.find("\n2 points\n"),
+            std::string::npos);
+  EXPECT_EQ(svc_.check_store(), "");
 }
 
 TEST_F(RoundTrip, BackupCutOffInTheMiddleOfAFileRestoresExactly) {
