@@ -143,6 +143,12 @@ bool upgrade(sqlite3* db, const std::string& path, std::string* error) {
   return true;
 }
 
+// The one number a query yields, or -1 when it fails.
+int64_t largest(sqlite3* db, const char* sql) {
+  kfsd_sql q(db, sql);
+  return q.row() ? q.i64(0) : -1;
+}
+
 bool entry_kind(sqlite3* db, const std::string& path, bool* exists,
                 bool* is_dir) {
   kfsd_sql q(db, "SELECT is_dir FROM entries WHERE path = ?");
@@ -247,34 +253,21 @@ int kfsd_store_open(const std::string& dir, kfsd_store* store,
     return -1;
   }
   // Ids are never reused, not even those of versions deleted since.
-  int64_t last = -1;
-  {
-    kfsd_sql q(db,
-               "SELECT MAX(COALESCE((SELECT seq FROM sqlite_sequence"
-               " WHERE name = 'versions'), 0),"
-               " COALESCE((SELECT MAX(id) FROM versions), 0))");
-    last = q.row() ? q.i64(0) : -1;
-  }
-  if (last < 0) {
+  // Completion numbers only grow: the newest version of a file is never
+  // pruned, and points keep the number they were made at.
+  int64_t last = largest(db,
+                         "SELECT MAX(COALESCE((SELECT seq FROM sqlite_sequence"
+                         " WHERE name = 'versions'), 0),"
+                         " COALESCE((SELECT MAX(id) FROM versions), 0))");
+  int64_t done = largest(db,
+                         "SELECT MAX(COALESCE((SELECT MAX(done) FROM versions),"
+                         " 0), COALESCE((SELECT MAX(upto) FROM points), 0))");
+  if (last < 0 || done < 0) {
     *error = path + ": " + sqlite3_errmsg(db);
     kfsd_db_close(db);
     return -1;
   }
   store->next_version = last + 1;
-  // Completion numbers only grow: the newest version of a file is never
-  // pruned, and points keep the number they were made at.
-  int64_t done = -1;
-  {
-    kfsd_sql q(db,
-               "SELECT MAX(COALESCE((SELECT MAX(done) FROM versions), 0),"
-               " COALESCE((SELECT MAX(upto) FROM points), 0))");
-    done = q.row() ? q.i64(0) : -1;
-  }
-  if (done < 0) {
-    *error = path + ": " + sqlite3_errmsg(db);
-    kfsd_db_close(db);
-    return -1;
-  }
   store->next_done = done + 1;
   store->dir = dir;
   store->db = db;

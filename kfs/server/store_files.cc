@@ -30,6 +30,19 @@ struct version_row {
   uint32_t block_count = 0;
 };
 
+// The next row of (id, mtime, size, block_size, block_count), if any.
+bool read_version(kfsd_sql* q, version_row* out) {
+  if (!q->row()) {
+    return false;
+  }
+  out->id = q->i64(0);
+  out->mtime = q->i64(1);
+  out->size = static_cast<uint64_t>(q->i64(2));
+  out->block_size = static_cast<uint32_t>(q->i64(3));
+  out->block_count = static_cast<uint32_t>(q->i64(4));
+  return true;
+}
+
 // The path's upload (complete 0), or its newest complete version (1), if
 // any.
 bool find_version(sqlite3* db, const std::string& path, int complete,
@@ -43,15 +56,7 @@ bool find_version(sqlite3* db, const std::string& path, int complete,
                   " versions WHERE path = ? AND done IS NOT NULL"
                   " ORDER BY done DESC LIMIT 1");
   kfsd_sql& q = complete != 0 ? newest : upload;
-  if (!q.bind_text(path).row()) {
-    return false;
-  }
-  out->id = q.i64(0);
-  out->mtime = q.i64(1);
-  out->size = static_cast<uint64_t>(q.i64(2));
-  out->block_size = static_cast<uint32_t>(q.i64(3));
-  out->block_count = static_cast<uint32_t>(q.i64(4));
-  return true;
+  return read_version(&q.bind_text(path), out);
 }
 
 // The path's version a point shows: the newest completed by upto.
@@ -60,15 +65,7 @@ bool version_at(sqlite3* db, const std::string& path, int64_t upto,
   kfsd_sql q(db,
              "SELECT id, mtime, size, block_size, block_count FROM versions"
              " WHERE path = ? AND done <= ? ORDER BY done DESC LIMIT 1");
-  if (!q.bind_text(path).bind(upto).row()) {
-    return false;
-  }
-  out->id = q.i64(0);
-  out->mtime = q.i64(1);
-  out->size = static_cast<uint64_t>(q.i64(2));
-  out->block_size = static_cast<uint32_t>(q.i64(3));
-  out->block_count = static_cast<uint32_t>(q.i64(4));
-  return true;
+  return read_version(&q.bind_text(path).bind(upto), out);
 }
 
 // Deletes a version and its blocks; adds the streams they named to gone.
