@@ -20,6 +20,8 @@ namespace {
 constexpr char kFormat[] = "kfsd-1";
 constexpr int kSchemaVersion = 3;
 
+// Schema 2; kUpgradeTo3 below adds the history (versions.done, points,
+// policies) to it and to older folders alike.
 constexpr char kSchema[] =
     "CREATE TABLE meta(name TEXT PRIMARY KEY, value TEXT NOT NULL);"
     "CREATE TABLE users(id INTEGER PRIMARY KEY, name TEXT NOT NULL,"
@@ -38,25 +40,16 @@ constexpr char kSchema[] =
     " user INTEGER NOT NULL, path TEXT NOT NULL, complete INTEGER NOT NULL,"
     " mtime INTEGER NOT NULL, size INTEGER NOT NULL,"
     " block_size INTEGER NOT NULL, block_count INTEGER NOT NULL,"
-    " attr BLOB NOT NULL, done INTEGER);"
+    " attr BLOB NOT NULL);"
     "CREATE INDEX versions_path ON versions(path, complete);"
     "CREATE INDEX versions_user ON versions(user, complete);"
-    "CREATE INDEX versions_done ON versions(path, done);"
     // received: skipped or ended since the upload was last opened.
     "CREATE TABLE blocks(version INTEGER NOT NULL, idx INTEGER NOT NULL,"
     " md5 BLOB, stream TEXT NOT NULL, length INTEGER NOT NULL,"
     " received INTEGER NOT NULL, PRIMARY KEY(version, idx));"
     "CREATE INDEX blocks_stream ON blocks(stream);"
     "CREATE TABLE streams(hex TEXT PRIMARY KEY, pack INTEGER NOT NULL,"
-    " offset INTEGER NOT NULL, length INTEGER NOT NULL) WITHOUT ROWID;"
-    "CREATE TABLE points(id INTEGER PRIMARY KEY AUTOINCREMENT,"
-    " user INTEGER NOT NULL, name TEXT NOT NULL, time INTEGER NOT NULL,"
-    " job TEXT NOT NULL, job_file TEXT NOT NULL, files INTEGER NOT NULL,"
-    " bytes INTEGER NOT NULL, upto INTEGER NOT NULL, UNIQUE(user, name));"
-    "CREATE TABLE policies(user INTEGER PRIMARY KEY, last INTEGER NOT NULL,"
-    " hourly INTEGER NOT NULL, daily INTEGER NOT NULL,"
-    " weekly INTEGER NOT NULL, monthly INTEGER NOT NULL,"
-    " yearly INTEGER NOT NULL, within INTEGER NOT NULL);";
+    " offset INTEGER NOT NULL, length INTEGER NOT NULL) WITHOUT ROWID;";
 
 // From schema 1: streams were files of their own, and still are until
 // they are replaced; new ones go to packs, which the streams table maps.
@@ -211,7 +204,8 @@ int kfsd_store_create(const std::string& dir, std::string* error) {
   if (db == nullptr) {
     return -1;
   }
-  bool ok = exec(db, "BEGIN") && exec(db, kSchema);
+  // Schema 2, and history as an upgrade adds it: one text for both.
+  bool ok = exec(db, "BEGIN") && exec(db, kSchema) && exec(db, kUpgradeTo3);
   if (ok) {
     kfsd_sql q(db, "INSERT INTO meta VALUES('format', ?), ('schema', ?)");
     ok = q.bind_text(kFormat).bind_text(std::to_string(kSchemaVersion)).run() &&
