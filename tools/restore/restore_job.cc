@@ -221,13 +221,20 @@ uint32_t restore_job::list_folder_flat(const std::string& path,
 // its time (UTC) and job, its size the bytes its run stored, and the
 // attribute's upper 24 bits the files.
 uint32_t restore_job::list_points(std::vector<remote_entry>* out) {
-  uint32_t rc = list_folder_flat("/" + std::to_string(o_.user) + "/.points",
-                                 out);
+  uint32_t rc = list_folder_flat(user_root() + "/.points", out);
   std::stable_sort(out->begin(), out->end(),
                    [](const remote_entry& a, const remote_entry& b) {
                      return a.mtime < b.mtime;
                    });
   return rc;
+}
+
+// "/7" for user 7. Appended rather than "/" + ...: g++ 12 warns wrongly
+// about the latter.
+std::string restore_job::user_root() const {
+  std::string root = "/";
+  root += std::to_string(o_.user);
+  return root;
 }
 
 // The job of a point: its name after the time.
@@ -273,7 +280,7 @@ int restore_job::resolve_at() {
                  points.empty() ? "" : "; the first is from ",
                  points.empty() ? "" : time_text(points[0].mtime).c_str());
   }
-  std::string root = "/" + std::to_string(o_.user);
+  std::string root = user_root();
   const std::string& r = o_.remote;
   if (r.compare(0, root.size(), root) != 0 ||
       (r.size() > root.size() && r[root.size()] != '/')) {

@@ -124,6 +124,7 @@ class restore_job {
   std::string remote_path(const remote_entry& e) const;
 
   // Restore points.
+  std::string user_root() const;
   uint32_t list_points(std::vector<remote_entry>* out);
   static std::string point_job(const remote_entry& e);
   int print_points();
