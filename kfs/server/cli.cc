@@ -336,9 +336,11 @@ std::string rules_text(const kfsd_retention& r) {
 
 int run_user_set(int argc, char** argv) {
   option_map opt;
-  if (argc < 4 || argv[3][0] == '-' ||
-      !parse_options(argc, argv, 4, kSetOptions, &opt)) {
-    return argc < 4 || argv[3][0] == '-' ? usage() : 2;
+  if (argc < 4 || argv[3][0] == '-') {
+    return usage();
+  }
+  if (!parse_options(argc, argv, 4, kSetOptions, &opt)) {
+    return 2;
   }
   uint64_t id = 0;
   if (opt.count("--id") == 0 ||
@@ -402,9 +404,11 @@ int run_prune(int argc, char** argv) {
     return fail(1, error);
   }
   std::vector<uint32_t> users;
-  if (all) {
-    kfsd_store_user_ids(&store, &users);
-  } else {
+  if (all && kfsd_store_user_ids(&store, &users) != 0) {
+    kfsd_store_close(&store);
+    return fail(1, dir + ": cannot list the users");
+  }
+  if (!all) {
     users.push_back(static_cast<uint32_t>(id));
   }
   int status = 0;

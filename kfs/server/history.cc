@@ -130,12 +130,6 @@ uint32_t kfsd_points_list(kfsd_store* store, uint32_t user,
   return 0;
 }
 
-uint32_t kfsd_store_points(kfsd_store* store, uint32_t user,
-                           std::vector<kfsd_point>* out) {
-  std::lock_guard<std::mutex> hold(store->mutex);
-  return read_points(store->db, user, out) ? ERR_NONE : ERR_IO;
-}
-
 uint32_t kfsd_store_prune(kfsd_store* store, uint32_t user,
                           const kfsd_retention& rules, bool dry_run,
                           kfsd_prune_result* out) {

@@ -281,10 +281,6 @@ struct kfsd_point {
   int64_t upto = 0;  // the last completion the point shows
 };
 
-// The user's points, oldest first.
-uint32_t kfsd_store_points(kfsd_store* store, uint32_t user,
-                           std::vector<kfsd_point>* out);
-
 // Which points to keep. A count of 0 leaves its rule out; with no rule at
 // all every point is kept.
 struct kfsd_retention {
