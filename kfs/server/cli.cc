@@ -27,6 +27,9 @@ constexpr char kUsage[] =
     " [--port-file FILE]\n"
     "                      [--announce HOST:PORT]... [--redirect]"
     " [--verbose]\n"
+    "                      [--smtp HOST:PORT [--smtp-from ADDRESS]"
+    " [--smtp-starttls]\n"
+    "                       [--smtp-user NAME --smtp-password-file FILE]]\n"
     "       kfsd user set DIR --id N [RULES]\n"
     "       kfsd prune DIR (--user N | --all) [RULES] [--dry-run]\n"
     "       kfsd check DIR\n"
@@ -55,7 +58,9 @@ constexpr option_def kServeOptions[] = {
     {"--listen", true, false},    {"--block-size", true, false},
     {"--port-file", true, false}, {"--announce", true, true},
     {"--redirect", false, false}, {"--no-sync", false, false},
-    {"--verbose", false, false}};
+    {"--verbose", false, false},  {"--smtp", true, false},
+    {"--smtp-from", true, false}, {"--smtp-starttls", false, false},
+    {"--smtp-user", true, false}, {"--smtp-password-file", true, false}};
 
 constexpr option_def kSetOptions[] = {
     {"--id", true, false},           {"--keep-last", true, false},
@@ -230,6 +235,58 @@ int run_user_add(int argc, char** argv) {
   return 0;
 }
 
+// The relay settings among serve's options; false after printing an error.
+bool parse_smtp(option_map& opt, kfsd_smtp_settings* out) {
+  auto bad = [](const std::string& message) {
+    fail(2, message);
+    return false;
+  };
+  bool any = false;
+  for (const char* name : {"--smtp-from", "--smtp-starttls", "--smtp-user",
+                           "--smtp-password-file"}) {
+    any = any || opt.count(name) != 0;
+  }
+  if (opt.count("--smtp") == 0) {
+    return !any || bad("the --smtp-... options need --smtp HOST:PORT");
+  }
+#ifndef KFSD_HAVE_CURL
+  return bad("--smtp: this kfsd was built without mail delivery");
+#endif
+  const std::string& relay = opt["--smtp"][0];
+  if (!parse_host_port(relay, &out->host, &out->port) || out->port == 0 ||
+      out->host.find_first_of("/@[]? \t") != std::string::npos) {
+    return bad("--smtp takes the relay's HOST:PORT, as 127.0.0.1:25");
+  }
+  if (opt.count("--smtp-from") != 0) {
+    out->from = opt["--smtp-from"][0];
+    if (!kfsd_mail_address_ok(out->from)) {
+      return bad("--smtp-from: not a mail address: " + out->from);
+    }
+  }
+  out->starttls = opt.count("--smtp-starttls") != 0;
+  if (opt.count("--smtp-user") != opt.count("--smtp-password-file")) {
+    return bad("--smtp-user and --smtp-password-file go together");
+  }
+  if (opt.count("--smtp-user") != 0) {
+    out->user = opt["--smtp-user"][0];
+    const std::string& file = opt["--smtp-password-file"][0];
+    file_ptr f(fopen(file.c_str(), "r"));
+    char line[1024] = {};
+    if (!f || fgets(line, sizeof line, f.get()) == nullptr) {
+      return bad(file + ": " + (f ? "empty" : strerror(errno)));
+    }
+    out->password = line;
+    while (!out->password.empty() && (out->password.back() == '\n' ||
+                                      out->password.back() == '\r')) {
+      out->password.pop_back();
+    }
+    if (out->password.empty()) {
+      return bad(file + ": the first line holds no password");
+    }
+  }
+  return true;
+}
+
 int run_serve(int argc, char** argv) {
   option_map opt;
   if (argc < 3 || argv[2][0] == '-') {
@@ -274,6 +331,9 @@ int run_serve(int argc, char** argv) {
   }
   s.redirect = opt.count("--redirect") != 0;
   s.verbose = opt.count("--verbose") != 0;
+  if (!parse_smtp(opt, &s.smtp)) {
+    return 2;
+  }
   if (opt.count("--no-sync") != 0) {
     // Kept for command lines written for older versions: flushes are
     // batched off the request path now, and skipping them saved nothing.

@@ -23,6 +23,7 @@
 
 #include "kfs/client/kfs.h"
 #include "lib/scoped.h"
+#include "kfs/server/mail.h"
 #include "kfs/server/store.h"
 
 constexpr uint32_t KFSD_DEFAULT_BLOCK_SIZE = 1u << 20;
@@ -84,6 +85,7 @@ struct kfsd_settings {
   // targets' stores).
   bool sync = true;
   bool verbose = false;
+  kfsd_smtp_settings smtp;  // no host: reports stay in the outbox
 };
 
 class kfsd_writer;
@@ -93,6 +95,7 @@ struct kfsd_server {
   unique_fd folder_lock;
   kfsd_store store;
   std::unique_ptr<kfsd_writer> writer;
+  std::unique_ptr<kfsd_mailer> mailer;  // with a relay only
   EVP_PKEY* key = nullptr;
   std::string public_pem;
   // User locks: user id -> id of the connection that holds it.

@@ -191,6 +191,13 @@ int kfsd_serve(const kfsd_settings& settings) {
     // Slower, never wrong: each connection then stores its own writes.
     kfsd_log("no thread for the writer; storing on the request path");
   }
+  if (!settings.smtp.host.empty()) {
+    server->mailer = std::make_unique<kfsd_mailer>(settings.dir, settings.smtp,
+                                                   &server->store);
+    if (!server->mailer->start()) {
+      kfsd_log("no thread for mail delivery; reports stay in the outbox");
+    }
+  }
   unique_fd signals(signalfd(-1, &stop_signals, SFD_CLOEXEC));
 
   uint16_t port = 0;
@@ -233,6 +240,7 @@ int kfsd_serve(const kfsd_settings& settings) {
     server->conn_gone.wait(hold, [&] { return server->conns.empty(); });
   }
   server->writer.reset();  // stores everything queued
+  server->mailer.reset();
   bool unclean = false;
   if (kfsd_store_mark_running(&server->store, false, &unclean) != 0) {
     // The next start then withholds one stamp per user: only slower.

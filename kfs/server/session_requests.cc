@@ -5,8 +5,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
-
 #include <openssl/crypto.h>
 
 #include "kfs/server/kfsd_internal.h"
@@ -57,37 +55,23 @@ void put_login_reply(kfsd_request* req, const kfsd_user* user) {
   kfs_put_u32(out, u.stamp);
 }
 
-// Writes one outbox file: our header lines, a blank line, then the text
-// exactly as received.
+// One outbox file per recipient; a relay, when there is one, is told.
 uint32_t post(kfsd_request* req, uint8_t kind, const std::string& recipient,
               const std::string& subject, const std::string& text) {
-  kfsd_store* store = &req->conn->server->store;
-  std::string temp = kfsd_temp_path(store);
-  // Names sort in arrival order (time, then a zero-padded sequence), so
-  // "the newest message" is simply the last name. A server restarted within
-  // the same second starts its sequence again: link() never replaces a
-  // message, the next number is tried instead.
-  static std::atomic<uint32_t> sequence{0};
-  file_ptr f(fopen(temp.c_str(), "w"));
-  bool ok = f && fprintf(f.get(),
-                         "kfsd-user: %u\nkfsd-kind: %u\nkfsd-recipient: %s\n"
-                         "kfsd-subject: %s\n\n",
-                         req->conn->uid, kind, recipient.c_str(),
-                         subject.c_str()) > 0;
-  ok = ok && fwrite(text.data(), 1, text.size(), f.get()) == text.size();
-  ok = f && fclose(f.release()) == 0 && ok;
-  int rc = -1;
-  for (int attempt = 0; ok && attempt < 1000 && rc != 0; ++attempt) {
-    char name[64];
-    snprintf(name, sizeof name, "%lld-%08u.msg",
-             static_cast<long long>(time(nullptr)), ++sequence);
-    std::string dest = store->dir + "/" + KFSD_OUTBOX_DIR + "/" + name;
-    rc = link(temp.c_str(), dest.c_str());
-    ok = rc == 0 || errno == EEXIST;
-  }
-  unlink(temp.c_str());
-  if (rc != 0) {
+  kfsd_server* server = req->conn->server;
+  kfsd_outbox_message m;
+  m.user = req->conn->uid;
+  m.kind = kind;
+  m.recipient = recipient;
+  m.subject = subject;
+  m.job = req->conn->job;
+  m.text = text;
+  if (kfsd_outbox_put(server->store.dir + "/" + KFSD_OUTBOX_DIR,
+                      kfsd_temp_path(&server->store), m) != 0) {
     return ERR_IO;
+  }
+  if (server->mailer) {
+    server->mailer->poke();
   }
   return 0;
 }

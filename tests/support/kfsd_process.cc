@@ -47,8 +47,9 @@ std::vector<std::string> outbox_names(const std::string& dir) {
   std::vector<std::string> names;
   if (DIR* d = opendir((dir + "/outbox").c_str())) {
     while (dirent* e = readdir(d)) {
-      if (e->d_name[0] != '.') {
-        names.push_back(e->d_name);
+      std::string name = e->d_name;
+      if (name.size() > 4 && name.substr(name.size() - 4) == ".msg") {
+        names.push_back(name);
       }
     }
     closedir(d);
@@ -108,25 +109,34 @@ void write_key_file(const std::string& path, const uint8_t key[32]) {
   write_file(path, text);
 }
 
-bool kfsd_process::start(const std::string& dir,
-                         const std::vector<std::string>& extra) {
-  stop();
+std::string new_port_file(const std::string& prefix) {
   static int counter = 0;  // tests start servers from one thread
   std::string base = testing::TempDir();
   if (base.empty() || base.back() != '/') {
     base += '/';
   }
-  port_file_ = base + "kfsd-" + std::to_string(getpid()) + "-" +
-               std::to_string(counter++) + ".port";
-  unlink(port_file_.c_str());
+  return base + prefix + "-" + std::to_string(getpid()) + "-" +
+         std::to_string(counter++) + ".port";
+}
 
+bool kfsd_process::start(const std::string& dir,
+                         const std::vector<std::string>& extra) {
+  std::string port_file = new_port_file("kfsd");
   std::vector<std::string> argv = {"kfsd", "serve", dir, "--port-file",
-                                   port_file_};
+                                   port_file};
   // A test that restarts a server on its old port names the port itself.
   if (std::find(extra.begin(), extra.end(), "--listen") == extra.end()) {
     argv.insert(argv.end(), {"--listen", "127.0.0.1:0"});
   }
   argv.insert(argv.end(), extra.begin(), extra.end());
+  return port_process::start(KFSD_PATH, argv, port_file);
+}
+
+bool port_process::start(const char* program, std::vector<std::string> argv,
+                         const std::string& port_file) {
+  stop();
+  port_file_ = port_file;
+  unlink(port_file_.c_str());
   std::vector<char*> args;
   for (auto& a : argv) {
     args.push_back(a.data());
@@ -145,7 +155,7 @@ bool kfsd_process::start(const std::string& dir,
     if (getppid() != parent) {
       _exit(127);
     }
-    execv(KFSD_PATH, args.data());
+    execv(program, args.data());
     _exit(127);
   }
   pid_ = pid;
@@ -165,7 +175,7 @@ bool kfsd_process::start(const std::string& dir,
   return false;
 }
 
-void kfsd_process::stop() {
+void port_process::stop() {
   if (pid_ > 0) {
     kill(pid_, SIGTERM);
     int status = 0;

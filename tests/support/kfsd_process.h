@@ -29,24 +29,25 @@ size_t kfsd_message_count(const std::string& dir);
 // The texts of all messages in the outbox, oldest first.
 std::vector<std::string> kfsd_messages(const std::string& dir);
 
-// One running `kfsd serve` on 127.0.0.1, port 0.
-class kfsd_process {
+// A program started with a port file it writes once it listens. It is tied
+// to the test process: it gets SIGKILL when the test process ends, however
+// it ends.
+class port_process {
  public:
-  kfsd_process() = default;
-  kfsd_process(const kfsd_process&) = delete;
-  kfsd_process& operator=(const kfsd_process&) = delete;
-  ~kfsd_process() { stop(); }
+  port_process() = default;
+  port_process(const port_process&) = delete;
+  port_process& operator=(const port_process&) = delete;
+  ~port_process() { stop(); }
 
-  // Starts `kfsd serve dir --port-file FILE --listen 127.0.0.1:0` plus the
-  // extra arguments (which may bring their own --listen, to reuse a port)
-  // and waits (at most about 10 s) until the server has written its port.
-  // False when it could not be started, ended first, or did not report a
-  // port in time (it is then stopped).
-  bool start(const std::string& dir,
-             const std::vector<std::string>& extra = {});
+  // Runs program with argv (argv[0] included) and waits (at most about
+  // 10 s) until port_file names a port. False when it could not be
+  // started, ended first, or did not report a port in time (it is then
+  // stopped).
+  bool start(const char* program, std::vector<std::string> argv,
+             const std::string& port_file);
 
   // SIGTERM, then SIGKILL when it has not ended after about 5 s; reaps it.
-  // Does nothing when no server runs.
+  // Does nothing when nothing runs.
   void stop();
 
   int port() const { return port_; }
@@ -56,4 +57,17 @@ class kfsd_process {
   pid_t pid_ = -1;
   int port_ = 0;
   std::string port_file_;
+};
+
+// A fresh port file name in the test's temporary folder.
+std::string new_port_file(const std::string& prefix);
+
+// One running `kfsd serve` on 127.0.0.1, port 0.
+class kfsd_process : public port_process {
+ public:
+  // Starts `kfsd serve dir --port-file FILE --listen 127.0.0.1:0` plus the
+  // extra arguments (which may bring their own --listen, to reuse a port)
+  // and waits until the server has written its port; false when it did not.
+  bool start(const std::string& dir,
+             const std::vector<std::string>& extra = {});
 };

@@ -1,0 +1,78 @@
+#include "tests/support/smtp_relay.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <sstream>
+
+#include "tests/support/test_support.h"
+
+bool smtp_relay::start(const std::string& folder,
+                       const std::vector<std::string>& extra) {
+  dir = folder;
+  std::string port_file = new_port_file("smtp");
+  std::vector<std::string> argv = {"python3", SMTP_RELAY_SCRIPT, "--dir", dir,
+                                   "--port-file", port_file};
+  argv.insert(argv.end(), extra.begin(), extra.end());
+  return port_process::start("/usr/bin/python3", argv, port_file);
+}
+
+std::vector<received_mail> smtp_relay::received() const {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d)) {
+      std::string name = e->d_name;
+      if (name.size() > 4 && name.substr(name.size() - 4) == ".txt") {
+        names.push_back(name.substr(0, name.size() - 4));
+      }
+    }
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  std::vector<received_mail> out;
+  for (const std::string& name : names) {
+    received_mail m;
+    std::istringstream lines(read_file(dir + "/" + name + ".txt"));
+    for (std::string line; std::getline(lines, line);) {
+      size_t eq = line.find('=');
+      m[line.substr(0, eq)] = line.substr(eq + 1);
+    }
+    std::string hex = m["body_hex"];
+    std::string body;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+      body += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    }
+    m["body"] = body;
+    m["raw"] = read_file(dir + "/" + name + ".eml");
+    out.push_back(std::move(m));
+  }
+  return out;
+}
+
+std::vector<received_mail> smtp_relay::wait_for(size_t n) const {
+  std::vector<received_mail> got = received();
+  for (int waited = 0; waited < 10000 && got.size() < n; waited += 20) {
+    usleep(20000);
+    got = received();
+  }
+  return got;
+}
+
+int free_port() {
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  int port = 0;
+  if (bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+      getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) == 0) {
+    port = ntohs(a.sin_port);
+  }
+  close(s);
+  return port;
+}
