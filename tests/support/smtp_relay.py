@@ -2,14 +2,18 @@
 """A mail relay for tests, on 127.0.0.1: saves each message it accepts as
 N.eml, and beside it N.txt with what the standard e-mail parser makes of
 it, one "key=value" a line. It can refuse recipients (550), answer the first messages with a
-temporary failure (451), and it ends by itself after --lifetime seconds."""
+temporary failure (451), require a login, and it ends by itself after --lifetime seconds."""
 import argparse
 import asyncio
 import email
 import email.policy
 import os
+import warnings
 
-from aiosmtpd.smtp import SMTP
+from aiosmtpd.smtp import SMTP, AuthResult
+
+# A login without TLS is what the tests ask for on loopback.
+warnings.filterwarnings("ignore", "Requiring AUTH while not requiring TLS")
 
 parser = argparse.ArgumentParser()
 parser.add_argument("--dir", required=True)
@@ -19,6 +23,7 @@ parser.add_argument("--lifetime", type=float, default=60)
 parser.add_argument("--reject", default="", help="refuse recipients with this")
 parser.add_argument("--tempfail", type=int, default=0,
                     help="answer 451 to this many messages first")
+parser.add_argument("--auth", default="", help="USER:PASSWORD to require")
 args = parser.parse_args()
 
 
@@ -70,12 +75,23 @@ class Handler:
         return "250 2.0.0 queued"
 
 
+def authenticate(server, session, envelope, mechanism, auth_data):
+    user, _, password = args.auth.partition(":")
+    ok = (auth_data.login == user.encode() and
+          auth_data.password == password.encode())
+    return AuthResult(success=ok, handled=False)
+
+
 def main():
     os.makedirs(args.dir, exist_ok=True)
     loop = asyncio.new_event_loop()
     handler = Handler()
+    options = {"hostname": "relay.test"}
+    if args.auth:
+        options.update(authenticator=authenticate, auth_required=True,
+                       auth_require_tls=False)
     server = loop.run_until_complete(loop.create_server(
-        lambda: SMTP(handler, hostname="relay.test"), "127.0.0.1", args.port))
+        lambda: SMTP(handler, **options), "127.0.0.1", args.port))
     port = server.sockets[0].getsockname()[1]
     with open(args.port_file + ".part", "w") as f:
         f.write("%d\n" % port)

@@ -76,6 +76,8 @@ TEST_F(Mail, DeliveryScheduleAgainstARealRelay) {
     std::vector<step> steps;
     size_t delivered;
     const char* answer;  // in failed/NAME.answer
+    const char* login = "";  // the mailer's "user:password"
+    bool starttls = false;
   } cases[] = {
       {"accepted at once, removed from sent/ after a week",
        {},
@@ -122,6 +124,14 @@ TEST_F(Mail, DeliveryScheduleAgainstARealRelay) {
        {{0, true, "failed"}},
        0,
        "the account has no e-mail address"},
+      {"the relay's login", {"--auth", "kfsd:s3cret"}, "ops@example.org",
+       {{0, true, "sent"}}, 1, "", "kfsd:s3cret"},
+      {"a refused login is the operator's to mend: the message waits",
+       {"--auth", "kfsd:s3cret"}, "ops@example.org",
+       {{0, true, "outbox"}, {2 * kDay - 1, true, "outbox"}}, 0, "",
+       "kfsd:wrong"},
+      {"TLS required, the relay offers none: nothing sent in the clear",
+       {}, "ops@example.org", {{0, true, "outbox"}}, 0, "", "", true},
   };
   int n = 0;
   for (const auto& t : cases) {
@@ -131,6 +141,12 @@ TEST_F(Mail, DeliveryScheduleAgainstARealRelay) {
     kfsd_smtp_settings settings;
     settings.host = "127.0.0.1";
     settings.port = static_cast<uint16_t>(port);
+    std::string login = t.login;
+    if (!login.empty()) {
+      settings.user = login.substr(0, login.find(':'));
+      settings.password = login.substr(login.find(':') + 1);
+    }
+    settings.starttls = t.starttls;
     auto mailer = std::make_unique<kfsd_mailer>(data, settings, nullptr);
     std::string name = put(data, t.recipient, "report\n");
     kfsd_outbox_message m;
