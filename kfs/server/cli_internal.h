@@ -1,0 +1,46 @@
+// kfs/server/cli_internal.h: what kfsd's commands share: their options,
+// numbers and addresses on the command line, and one-line errors.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <map>
+#include <span>
+#include <string>
+#include <vector>
+
+// The client keeps the user name in 21 bytes and a host in 16, both with
+// a NUL; account texts are kept short for the same reason.
+constexpr size_t kMaxUserName = 20;
+constexpr size_t kMaxAccount = 63;
+constexpr size_t kMaxHost = 15;
+
+struct option_def {
+  const char* name;
+  bool takes_value;
+  bool repeats;
+};
+
+using option_map = std::map<std::string, std::vector<std::string>>;
+
+// Prints the usage text; returns 2.
+int cli_usage();
+
+// Prints "kfsd: message" on standard error; returns status.
+int cli_fail(int status, const std::string& message);
+
+// Collects options from argv[first..argc); false after printing an error.
+bool cli_parse_options(int argc, char** argv, int first,
+                       std::span<const option_def> defs, option_map* out);
+
+// A plain decimal number up to max.
+bool cli_parse_number(const std::string& text, uint64_t max, uint64_t* out);
+
+// HOST:PORT, the port a number up to 65535.
+bool cli_parse_host_port(const std::string& text, std::string* host,
+                         uint16_t* port);
+
+// kfsd user add|set ..., kfsd prune ...: the store's users and history.
+int cli_run_user(int argc, char** argv);
+int cli_run_prune(int argc, char** argv);
