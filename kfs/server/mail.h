@@ -87,8 +87,7 @@ class kfsd_mailer {
  public:
   // store (may be null) gives the account's address for messages without
   // a recipient.
-  kfsd_mailer(std::string dir, kfsd_smtp_settings settings,
-              kfsd_store* store);
+  kfsd_mailer(std::string dir, kfsd_smtp_settings settings, kfsd_store* store);
   ~kfsd_mailer() { stop(); }
   kfsd_mailer(const kfsd_mailer&) = delete;
   kfsd_mailer& operator=(const kfsd_mailer&) = delete;

@@ -76,8 +76,7 @@ size_t read_data(char* buffer, size_t size, size_t count, void* arg) {
   return n;
 }
 
-int keep_answer(CURL*, curl_infotype type, char* data, size_t size,
-                void* arg) {
+int keep_answer(CURL*, curl_infotype type, char* data, size_t size, void* arg) {
   if (type == CURLINFO_HEADER_IN) {
     std::string line(data, size);
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
@@ -111,9 +110,7 @@ bool kfsd_mail_address_ok(const std::string& a) {
 
 time_t kfsd_mail_retry_wait(uint32_t failures) {
   static constexpr time_t kWaits[] = {60, 5 * 60, 15 * 60, 60 * 60};
-  return failures == 0 ? 0
-         : failures <= 4 ? kWaits[failures - 1]
-                         : 60 * 60;
+  return failures == 0 ? 0 : failures <= 4 ? kWaits[failures - 1] : 60 * 60;
 }
 
 kfsd_mailer::kfsd_mailer(std::string dir, kfsd_smtp_settings settings,
@@ -188,7 +185,8 @@ kfsd_mailer::outcome kfsd_mailer::deliver(const kfsd_outbox_message& m,
     return outcome::failed;
   }
   if (!kfsd_mail_address_ok(to) || !kfsd_mail_address_ok(settings_.from)) {
-    *answer = "not a mail address: " + (kfsd_mail_address_ok(to) ? settings_.from : to);
+    *answer = "not a mail address: " +
+              (kfsd_mail_address_ok(to) ? settings_.from : to);
     return outcome::failed;
   }
 #ifdef KFSD_HAVE_CURL
@@ -239,17 +237,16 @@ kfsd_mailer::outcome kfsd_mailer::deliver(const kfsd_outbox_message& m,
     *answer = t.answer;
     return outcome::sent;
   }
-  *answer = t.answer.empty() || code < 400 ? std::string(error[0] ? error
-                                                       : curl_easy_strerror(rc))
-                                           : t.answer;
+  *answer = t.answer.empty() || code < 400
+                ? std::string(error[0] ? error : curl_easy_strerror(rc))
+                : t.answer;
   if (rc == CURLE_COULDNT_CONNECT || rc == CURLE_COULDNT_RESOLVE_HOST ||
       (rc == CURLE_OPERATION_TIMEDOUT && code == 0)) {
     return outcome::unreachable;
   }
   // A refused login is the operator's to mend, not the message's fault.
-  return code >= 500 && code < 600 && rc != CURLE_LOGIN_DENIED
-             ? outcome::failed
-             : outcome::retry;
+  return code >= 500 && code < 600 && rc != CURLE_LOGIN_DENIED ? outcome::failed
+                                                               : outcome::retry;
 #else
   *answer = "this kfsd was built without mail delivery";
   return outcome::retry;
@@ -259,8 +256,8 @@ kfsd_mailer::outcome kfsd_mailer::deliver(const kfsd_outbox_message& m,
 void kfsd_mailer::finish(const std::string& name, bool sent,
                          const std::string& answer) {
   std::string from = dir_ + "/" + name;
-  std::string to = dir_ + "/" + (sent ? KFSD_SENT_DIR : KFSD_FAILED_DIR) +
-                   "/" + name;
+  std::string to =
+      dir_ + "/" + (sent ? KFSD_SENT_DIR : KFSD_FAILED_DIR) + "/" + name;
   mkdir(to.substr(0, to.rfind('/')).c_str(), 0700);
   if (!sent) {
     // The answer first: a message in failed/ always has its reason.
@@ -328,8 +325,8 @@ time_t kfsd_mailer::pass(time_t now) {
       continue;
     }
     if (now - m.time >= KFSD_MAIL_GIVE_UP) {
-      finish(name, false, "not delivered in two days; the last answer: " +
-                              answer);
+      finish(name, false,
+             "not delivered in two days; the last answer: " + answer);
       waiting_.erase(name);
       continue;
     }

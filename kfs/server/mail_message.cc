@@ -68,9 +68,9 @@ std::string header_text(std::string_view value) {
       --end;
     }
     unsigned char b64[64];
-    int n = EVP_EncodeBlock(b64, reinterpret_cast<const unsigned char*>(
-                                     value.data() + at),
-                            static_cast<int>(end - at));
+    int n = EVP_EncodeBlock(
+        b64, reinterpret_cast<const unsigned char*>(value.data() + at),
+        static_cast<int>(end - at));
     if (!out.empty()) {
       out += "\r\n ";
     }
@@ -108,8 +108,8 @@ bool looks_like_html(std::string_view text) {
 // The failed-file count a report states, as "Files failed: 3" or
 // "3 failed"; -1 when it states none.
 long failed_count(std::string_view text) {
-  std::string visible = looks_like_html(text) ? visible_text(text)
-                                              : std::string(text);
+  std::string visible =
+      looks_like_html(text) ? visible_text(text) : std::string(text);
   std::vector<std::string> words;
   std::string word;
   for (char c : visible) {

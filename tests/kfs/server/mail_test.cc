@@ -2,6 +2,8 @@
 // schedule (temporary and permanent failures, restarts, the sent folder's
 // week), the messages as a standard parser reads them, and a completed
 // run's reports from the agent through kfsd.
+#include "kfs/server/mail.h"
+
 #include <dirent.h>
 #include <stdlib.h>
 #include <time.h>
@@ -12,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include "kfs/server/mail.h"
 #include "kfs/server/store.h"
 #include "tests/support/backup_service.h"
 #include "tests/support/smtp_relay.h"
@@ -66,7 +67,7 @@ TEST_F(Mail, DeliveryScheduleAgainstARealRelay) {
   struct step {
     time_t at;  // after the message arrived
     bool relay_up;
-    const char* then;  // where the message is after the pass
+    const char* then;      // where the message is after the pass
     bool restart = false;  // a new mailer, as after a restart of kfsd
   };
   const struct {
@@ -75,7 +76,7 @@ TEST_F(Mail, DeliveryScheduleAgainstARealRelay) {
     std::string recipient;
     std::vector<step> steps;
     size_t delivered;
-    const char* answer;  // in failed/NAME.answer
+    const char* answer;      // in failed/NAME.answer
     const char* login = "";  // the mailer's "user:password"
     bool starttls = false;
   } cases[] = {
@@ -124,14 +125,28 @@ TEST_F(Mail, DeliveryScheduleAgainstARealRelay) {
        {{0, true, "failed"}},
        0,
        "the account has no e-mail address"},
-      {"the relay's login", {"--auth", "kfsd:s3cret"}, "ops@example.org",
-       {{0, true, "sent"}}, 1, "", "kfsd:s3cret"},
+      {"the relay's login",
+       {"--auth", "kfsd:s3cret"},
+       "ops@example.org",
+       {{0, true, "sent"}},
+       1,
+       "",
+       "kfsd:s3cret"},
       {"a refused login is the operator's to mend: the message waits",
-       {"--auth", "kfsd:s3cret"}, "ops@example.org",
-       {{0, true, "outbox"}, {2 * kDay - 1, true, "outbox"}}, 0, "",
+       {"--auth", "kfsd:s3cret"},
+       "ops@example.org",
+       {{0, true, "outbox"}, {2 * kDay - 1, true, "outbox"}},
+       0,
+       "",
        "kfsd:wrong"},
       {"TLS required, the relay offers none: nothing sent in the clear",
-       {}, "ops@example.org", {{0, true, "outbox"}}, 0, "", "", true},
+       {},
+       "ops@example.org",
+       {{0, true, "outbox"}},
+       0,
+       "",
+       "",
+       true},
   };
   int n = 0;
   for (const auto& t : cases) {
@@ -191,18 +206,24 @@ TEST_F(Mail, MessagesReadByAStandardParser) {
     const char* want_type;
   } cases[] = {
       {"plain report with failures", "nightly", "",
-       "Files sent:    9\nFiles failed:  3\n", "Backup completed with 3 failed "
-       "files: nightly", "text/plain"},
+       "Files sent:    9\nFiles failed:  3\n",
+       "Backup completed with 3 failed "
+       "files: nightly",
+       "text/plain"},
       {"HTML report with one failure", "nightly", "", html,
        "Backup completed with 1 failed file: nightly", "text/html"},
       {"no failures; what quoted-printable must carry", "nightly", "",
-       "Files failed: 0\n" + long_line + "\n.\n.dot\nFrom here\n"
-       "trailing  \ntab\t\na=b\n\nGr\xc3\xbc\xc3\x9f" "e\rcr\r\nno end",
+       "Files failed: 0\n" + long_line +
+           "\n.\n.dot\nFrom here\n"
+           "trailing  \ntab\t\na=b\n\nGr\xc3\xbc\xc3\x9f"
+           "e\rcr\r\nno end",
        "Backup completed: nightly", "text/plain"},
       {"a job name beyond ASCII", "Sicherung \xc3\xbc" + std::string(60, 'y'),
        "", "Files failed: 0\n",
-       "Backup completed: Sicherung \xc3\xbcyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyy"
-       "yyyyyyyyyyyyyyyyyyyyyyyy", "text/plain"},
+       "Backup completed: Sicherung "
+       "\xc3\xbcyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyy"
+       "yyyyyyyyyyyyyyyyyyyyyyyy",
+       "text/plain"},
       {"the sender's own subject", "nightly", "Hello", "hi\n", "Hello",
        "text/plain"},
   };
@@ -258,7 +279,8 @@ TEST_F(Mail, ReportsOfACompletedRunArriveAfterARestart) {
   write_file(svc.root + "/rt.job",
              "name=nightly\nUserId=7\nDest=/7/Today\nhtml=0\n"
              "schedule_email=1,html@example.org\n"
-             "schedule_email=ops@example.org\nSrc=" + dir() + "/src\n");
+             "schedule_email=ops@example.org\nSrc=" +
+                 dir() + "/src\n");
   run_result r = svc.run_agent();
   ASSERT_EQ(r.exit_code, 0) << r.err;
   ASSERT_EQ(kfsd_message_count(svc.data), 2u);
