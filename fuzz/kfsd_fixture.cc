@@ -90,7 +90,7 @@ void new_connection(kfsd_fixture* f) {
   c->uid = FUZZ_USER_ID;
   c->auth_mode = AUTH_MODE_AGENT;
   f->server.locks.clear();
-  f->server.locks[FUZZ_USER_ID] = kConnId;
+  f->server.locks[FUZZ_USER_ID].conn = kConnId;
 }
 
 // Runs a set-up request that must succeed; returns its reply's first byte.

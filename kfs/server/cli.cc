@@ -1,7 +1,7 @@
 // The command line: kfsd init, kfsd serve, kfsd check, and the dispatch to
-// the user and history commands (cli_users.cc). Bad arguments end with
-// status 2, a missing or damaged data folder (or any other failure) with 1;
-// every error is one line on standard error.
+// the user, history and statistics commands (cli_users.cc, cli_admin.cc).
+// Bad arguments end with status 2, a missing or damaged data folder (or any
+// other failure) with 1; every error is one line on standard error.
 #include <arpa/inet.h>
 #include <errno.h>
 #include <stdio.h>
@@ -16,8 +16,6 @@ namespace {
 
 constexpr char kUsage[] =
     "usage: kfsd init DIR\n"
-    "       kfsd user add DIR --id N --name NAME [--account TEXT]"
-    " [--quota BYTES] [--key-file FILE]\n"
     "       kfsd serve DIR [--listen ADDRESS:PORT] [--block-size BYTES]"
     " [--port-file FILE]\n"
     "                      [--announce HOST:PORT]... [--redirect]"
@@ -25,8 +23,15 @@ constexpr char kUsage[] =
     "                      [--smtp HOST:PORT [--smtp-from ADDRESS]"
     " [--smtp-starttls]\n"
     "                       [--smtp-user NAME --smtp-password-file FILE]]\n"
-    "       kfsd user set DIR --id N [RULES]\n"
+    "       kfsd user add DIR --id N --name NAME [--account TEXT]"
+    " [--email ADDRESS]\n"
+    "                         [--quota BYTES] [--key-file FILE]\n"
+    "       kfsd user set DIR --id N [--account TEXT] [--email ADDRESS]"
+    " [--quota BYTES] [RULES]\n"
+    "       kfsd user list DIR [--json]\n"
+    "       kfsd user remove DIR --id N\n"
     "       kfsd prune DIR (--user N | --all) [RULES] [--dry-run]\n"
+    "       kfsd stats DIR [--json]\n"
     "       kfsd check DIR\n"
     "RULES: [--keep-last N] [--keep-hourly N] [--keep-daily N]"
     " [--keep-weekly N]\n"
@@ -275,6 +280,9 @@ int kfsd_command(int argc, char** argv) {
   }
   if (command == "check") {
     return run_check(argc, argv);
+  }
+  if (command == "stats") {
+    return cli_run_stats(argc, argv);
   }
   return cli_usage();
 }

@@ -41,6 +41,14 @@ bool cli_parse_number(const std::string& text, uint64_t max, uint64_t* out);
 bool cli_parse_host_port(const std::string& text, std::string* host,
                          uint16_t* port);
 
-// kfsd user add|set ..., kfsd prune ...: the store's users and history.
+struct kfsd_store;
+// Rewrites packs that are mostly freed space when no server runs on dir;
+// says what it did or that the server will.
+void cli_give_back_space(const std::string& dir, kfsd_store* store);
+
+// kfsd user add|set|list|remove ..., kfsd prune ..., kfsd stats ...
 int cli_run_user(int argc, char** argv);
 int cli_run_prune(int argc, char** argv);
+int cli_run_user_list(int argc, char** argv);
+int cli_run_user_remove(int argc, char** argv);
+int cli_run_stats(int argc, char** argv);

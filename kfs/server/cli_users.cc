@@ -15,17 +15,18 @@
 
 namespace {
 
-constexpr option_def kUserOptions[] = {{"--id", true, false},
-                                       {"--name", true, false},
-                                       {"--account", true, false},
-                                       {"--quota", true, false},
-                                       {"--key-file", true, false}};
+constexpr option_def kUserOptions[] = {
+    {"--id", true, false},      {"--name", true, false},
+    {"--account", true, false}, {"--quota", true, false},
+    {"--email", true, false},   {"--key-file", true, false}};
 
 constexpr option_def kSetOptions[] = {
-    {"--id", true, false},          {"--keep-last", true, false},
-    {"--keep-hourly", true, false}, {"--keep-daily", true, false},
-    {"--keep-weekly", true, false}, {"--keep-monthly", true, false},
-    {"--keep-yearly", true, false}, {"--keep-within", true, false}};
+    {"--id", true, false},           {"--quota", true, false},
+    {"--account", true, false},      {"--email", true, false},
+    {"--keep-last", true, false},    {"--keep-hourly", true, false},
+    {"--keep-daily", true, false},   {"--keep-weekly", true, false},
+    {"--keep-monthly", true, false}, {"--keep-yearly", true, false},
+    {"--keep-within", true, false}};
 constexpr option_def kPruneOptions[] = {
     {"--user", true, false},        {"--all", false, false},
     {"--dry-run", false, false},    {"--keep-last", true, false},
@@ -57,6 +58,12 @@ int run_user_add(int argc, char** argv) {
   }
   if (user.account.size() > kMaxAccount) {
     return cli_fail(2, "--account must have at most 63 characters");
+  }
+  if (opt.count("--email") != 0) {
+    user.email = opt["--email"][0];
+    if (!user.email.empty() && !kfsd_mail_address_ok(user.email)) {
+      return cli_fail(2, "--email: not a mail address: " + user.email);
+    }
   }
   if (opt.count("--quota") &&
       !cli_parse_number(opt["--quota"][0], UINT64_MAX, &user.quota)) {
@@ -161,6 +168,35 @@ std::string rules_text(const kfsd_retention& r) {
   return text.empty() ? "none" : text;
 }
 
+// What user set changes besides the policy; false after printing an error.
+bool parse_change(option_map& opt, kfsd_user_change* out) {
+  if (opt.count("--quota") != 0) {
+    uint64_t quota = 0;
+    if (!cli_parse_number(opt["--quota"][0], UINT64_MAX, &quota)) {
+      cli_fail(2, "--quota must be a number of bytes");
+      return false;
+    }
+    out->quota = quota;
+  }
+  if (opt.count("--account") != 0) {
+    out->account = opt["--account"][0];
+    if (out->account->size() > kMaxAccount) {
+      cli_fail(2, "--account must have at most 63 characters");
+      return false;
+    }
+  }
+  if (opt.count("--email") != 0) {
+    out->email = opt["--email"][0];
+    if (!out->email->empty() && !kfsd_mail_address_ok(*out->email)) {
+      cli_fail(2, "--email: not a mail address: " + *out->email);
+      return false;
+    }
+  }
+  return true;
+}
+
+// Changes what is given, in one transaction each for the user's record and
+// the policy; then prints the user as stored.
 int run_user_set(int argc, char** argv) {
   option_map opt;
   if (argc < 4 || argv[3][0] == '-') {
@@ -169,14 +205,16 @@ int run_user_set(int argc, char** argv) {
   if (!cli_parse_options(argc, argv, 4, kSetOptions, &opt)) {
     return 2;
   }
-  uint64_t id = 0;
+  uint64_t n = 0;
   if (opt.count("--id") == 0 ||
-      !cli_parse_number(opt["--id"][0], UINT32_MAX, &id)) {
+      !cli_parse_number(opt["--id"][0], UINT32_MAX, &n)) {
     return cli_fail(2,
                     "user set needs --id with a number from 0 to 4294967295");
   }
+  uint32_t id = static_cast<uint32_t>(n);
   kfsd_retention rules;
-  if (!parse_rules(opt, &rules)) {
+  kfsd_user_change change;
+  if (!parse_rules(opt, &rules) || !parse_change(opt, &change)) {
     return 2;
   }
   kfsd_store store;
@@ -184,17 +222,30 @@ int run_user_set(int argc, char** argv) {
   if (kfsd_store_open(argv[3], &store, &error) != 0) {
     return cli_fail(1, error);
   }
-  uint32_t r = kfsd_store_set_policy(&store, static_cast<uint32_t>(id), rules);
+  uint32_t r = kfsd_store_change_user(&store, id, change);
+  if (r == 0 && has_rules(opt)) {
+    r = kfsd_store_set_policy(&store, id, rules);
+  }
+  kfsd_user user;
+  if (r == 0) {
+    r = kfsd_store_get_user(&store, id, &user);
+  }
+  if (r == 0) {
+    r = kfsd_store_get_policy(&store, id, &rules);
+  }
   kfsd_store_close(&store);
   if (r == ERR_AUTH_FAILURE) {
     return cli_fail(1, "no user " + std::to_string(id));
   }
   if (r != 0) {
-    return cli_fail(
-        1, "cannot store the policy: " + std::string(kfs_err_message(r)));
+    return cli_fail(1, "cannot change user " + std::to_string(id) + ": " +
+                           kfs_err_message(r));
   }
-  printf("kfsd: user %llu: retention %s\n", static_cast<unsigned long long>(id),
-         rules_text(rules).c_str());
+  printf(
+      "kfsd: user %u (%s): account %s, e-mail %s, quota %llu, retention %s\n",
+      id, user.name.c_str(), user.account.c_str(),
+      user.email.empty() ? "none" : user.email.c_str(),
+      static_cast<unsigned long long>(user.quota), rules_text(rules).c_str());
   return 0;
 }
 
@@ -274,20 +325,7 @@ int run_prune(int argc, char** argv) {
            static_cast<unsigned long long>(r.bytes));
   }
   if (!dry_run) {
-    // Only with the folder to itself may a prune rewrite packs; a running
-    // server does that after its next completed run, or when it starts.
-    unique_fd lock(kfsd_datadir_lock(dir));
-    if (lock) {
-      std::lock_guard<std::mutex> packing(store.pack_mutex);
-      uint64_t given_back = kfsd_store_compact(&store);
-      printf("kfsd: %llu bytes of pack space given back\n",
-             static_cast<unsigned long long>(given_back));
-    } else {
-      printf(
-          "kfsd: a server uses %s: it gives the space back after its next"
-          " completed run\n",
-          dir.c_str());
-    }
+    cli_give_back_space(dir, &store);
   }
   kfsd_store_close(&store);
   return status;
@@ -295,9 +333,33 @@ int run_prune(int argc, char** argv) {
 
 }  // namespace
 
+void cli_give_back_space(const std::string& dir, kfsd_store* store) {
+  // Only with the folder to itself may a command rewrite packs; a running
+  // server does that after its next completed run, or when it starts.
+  unique_fd lock(kfsd_datadir_lock(dir));
+  if (lock) {
+    std::lock_guard<std::mutex> packing(store->pack_mutex);
+    uint64_t given_back = kfsd_store_compact(store);
+    printf("kfsd: %llu bytes of pack space given back\n",
+           static_cast<unsigned long long>(given_back));
+  } else {
+    printf(
+        "kfsd: a server uses %s: it gives the space back after its next"
+        " completed run\n",
+        dir.c_str());
+  }
+}
+
 int cli_run_user(int argc, char** argv) {
-  if (argc > 2 && strcmp(argv[2], "set") == 0) {
+  std::string what = argc > 2 ? argv[2] : "";
+  if (what == "set") {
     return run_user_set(argc, argv);
+  }
+  if (what == "list") {
+    return cli_run_user_list(argc, argv);
+  }
+  if (what == "remove") {
+    return cli_run_user_remove(argc, argv);
   }
   return run_user_add(argc, argv);
 }

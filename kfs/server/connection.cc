@@ -247,7 +247,7 @@ bool kfsd_holds_lock(kfsd_conn* conn) {
   std::lock_guard<std::mutex> hold(conn->server->lock_mutex);
   auto it = conn->server->locks.find(conn->uid);
   return conn->authenticated && it != conn->server->locks.end() &&
-         it->second == conn->id;
+         it->second.conn == conn->id;
 }
 
 void kfsd_handle_free(kfsd_conn* conn, kfsd_handle* handle) {
@@ -285,7 +285,8 @@ void kfsd_connection_run(kfsd_server* server, uint64_t id, int sock) {
   {
     std::lock_guard<std::mutex> hold(server->lock_mutex);
     auto it = server->locks.find(conn.uid);
-    if (conn.authenticated && it != server->locks.end() && it->second == id) {
+    if (conn.authenticated && it != server->locks.end() &&
+        it->second.conn == id) {
       server->locks.erase(it);
     }
   }

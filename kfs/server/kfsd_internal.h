@@ -22,9 +22,9 @@
 #include <openssl/evp.h>
 
 #include "kfs/client/kfs.h"
-#include "lib/scoped.h"
 #include "kfs/server/mail.h"
 #include "kfs/server/store.h"
+#include "lib/scoped.h"
 
 constexpr uint32_t KFSD_DEFAULT_BLOCK_SIZE = 1u << 20;
 constexpr uint32_t KFSD_MAX_BLOCKS = 65535;  // a block count is a u16
@@ -98,9 +98,14 @@ struct kfsd_server {
   std::unique_ptr<kfsd_mailer> mailer;  // with a relay only
   EVP_PKEY* key = nullptr;
   std::string public_pem;
-  // User locks: user id -> id of the connection that holds it.
+  // User locks: user id -> the connection that holds it, and the user's
+  // lock file held with it, which keeps operator commands out meanwhile.
+  struct user_lock {
+    uint64_t conn = 0;
+    unique_fd file;
+  };
   std::mutex lock_mutex;
-  std::map<uint32_t, uint64_t> locks;
+  std::map<uint32_t, user_lock> locks;
   // Live connections: id -> socket, so a stop can shut them down.
   std::mutex conn_mutex;
   std::condition_variable conn_gone;
@@ -133,7 +138,7 @@ struct kfsd_handle {
   std::string path;
   uint32_t block_count = 0;
   uint32_t block_size = 0;
-  int64_t block = -1;  // index named by the last begin block
+  int64_t block = -1;        // index named by the last begin block
   bool rows_queued = false;  // the upload's rows may not be written yet
   bool in_block = false;
   std::string data;  // the block's stream so far
@@ -202,8 +207,8 @@ struct kfsd_conn {
   uint32_t uid = 0;
   uint8_t auth_mode = 0;
   uint8_t lock_flags = 0;  // bits of the last acquire; no effect here
-  std::string job;       // an agent's texts at login: its job's name
-  std::string job_file;  // and its job file's
+  std::string job;         // an agent's texts at login: its job's name
+  std::string job_file;    // and its job file's
   std::map<uint8_t, std::unique_ptr<kfsd_handle>> handles;
   std::map<uint8_t, kfsd_listing> listings;
 };

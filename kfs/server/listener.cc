@@ -135,7 +135,8 @@ int load(kfsd_server* server) {
   }
   // Made when missing: a folder from an older kfsd lacks packs/, and a
   // copied one may lack the empty ones.
-  for (const char* sub : {KFSD_PACKS_DIR, KFSD_TMP_DIR, KFSD_OUTBOX_DIR}) {
+  for (const char* sub :
+       {KFSD_PACKS_DIR, KFSD_TMP_DIR, KFSD_OUTBOX_DIR, KFSD_LOCKS_DIR}) {
     std::string path = dir + "/" + sub;
     struct stat st;
     if ((mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) ||

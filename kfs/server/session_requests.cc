@@ -18,7 +18,7 @@ constexpr char kPlanName[] = "kfsd";
 void release_lock(kfsd_conn* conn) {
   std::lock_guard<std::mutex> hold(conn->server->lock_mutex);
   auto it = conn->server->locks.find(conn->uid);
-  if (it != conn->server->locks.end() && it->second == conn->id) {
+  if (it != conn->server->locks.end() && it->second.conn == conn->id) {
     conn->server->locks.erase(it);
   }
 }
@@ -162,10 +162,20 @@ int kfsd_request_user_lock(kfsd_request* req) {
     std::lock_guard<std::mutex> hold(conn->server->lock_mutex);
     auto it = conn->server->locks.find(conn->uid);
     if (count > 0 && it != conn->server->locks.end() &&
-        it->second != conn->id) {
+        it->second.conn != conn->id) {
       req->status = ERR_ACCESS;
+    } else if (count > 0 && it == conn->server->locks.end()) {
+      // An operator's command on the user (kfsd user remove) holds the
+      // file meanwhile: the user is as good as locked by another.
+      unique_fd file(
+          kfsd_user_lock_take(conn->server->settings.dir, conn->uid));
+      if (file) {
+        conn->server->locks[conn->uid] = {conn->id, std::move(file)};
+        conn->lock_flags = flags;
+      } else {
+        req->status = ERR_ACCESS;
+      }
     } else if (count > 0) {
-      conn->server->locks[conn->uid] = conn->id;
       conn->lock_flags = flags;
     }
     return KFSD_REPLY;
@@ -183,7 +193,7 @@ int kfsd_request_user_lock(kfsd_request* req) {
     std::lock_guard<std::mutex> hold(conn->server->lock_mutex);
     auto it = conn->server->locks.find(conn->uid);
     if (it != conn->server->locks.end()) {
-      held_elsewhere = it->second != conn->id;
+      held_elsewhere = it->second.conn != conn->id;
       if (!held_elsewhere) {
         conn->server->locks.erase(it);
       }
@@ -194,9 +204,9 @@ int kfsd_request_user_lock(kfsd_request* req) {
   // stamp says the run's files are kept: they are on disk before it is.
   if (!held_elsewhere) {
     conn->server->writer->drain(kfsd_user_prefix(conn->uid));
-    req->status = kfsd_store_release_stamp(&conn->server->store, conn->uid,
-                                           has_stamp, stamp, conn->job,
-                                           conn->job_file);
+    req->status =
+        kfsd_store_release_stamp(&conn->server->store, conn->uid, has_stamp,
+                                 stamp, conn->job, conn->job_file);
     if (has_stamp && req->status == 0) {
       // The user's retention policy, if any, after the run, off the
       // request path.

@@ -30,6 +30,7 @@ constexpr char KFSD_BLOCKS_DIR[] = "blocks";    // older streams, a file each
 constexpr char KFSD_TMP_DIR[] = "tmp";          // messages being written
 constexpr char KFSD_OUTBOX_DIR[] = "outbox";    // one file per e-mail
 constexpr char KFSD_KEYS_DIR[] = "keys";        // generated account keys
+constexpr char KFSD_LOCKS_DIR[] = "locks";      // a lock file per user
 // Below a user's root: the read-only folder of restore points.
 constexpr char KFSD_POINTS_DIR[] = ".points";
 
@@ -213,7 +214,7 @@ uint32_t kfsd_store_skip_block(kfsd_store* store, int64_t version,
 // stays pending).
 struct kfsd_write_job {
   int64_t version = 0;
-  std::string path;    // the file's remote path
+  std::string path;                    // the file's remote path
   std::optional<kfsd_open_rows> open;  // an open's rows
   std::optional<uint32_t> retention;   // a run ended: the user's policy
   bool close = false;  // a close; otherwise (and not an open) a block's end
@@ -331,3 +332,57 @@ uint32_t kfsd_store_set_policy(kfsd_store* store, uint32_t user,
 // such space is copied without it and removed. Bytes given back.
 // REQUIRES: store->pack_mutex held, and no other process writing packs.
 uint64_t kfsd_store_compact(kfsd_store* store);
+
+// ---------------------------------------------------------------------------
+// The operator's commands (admin.cc).
+
+// A user's lock, as a process holds it for a run or a removal: the
+// descriptor that holds it, or -1 (errno EAGAIN when another holds it).
+int kfsd_user_lock_take(const std::string& dir, uint32_t id);
+// Whether some process holds the user's lock; looking does not take it.
+bool kfsd_user_lock_held(const std::string& dir, uint32_t id);
+
+struct kfsd_user_info {
+  kfsd_user user;
+  uint64_t used = 0;   // bytes stored, each stream once
+  uint64_t files = 0;  // paths with a complete version
+  uint64_t points = 0;
+  int64_t last_run = 0;  // time of the newest point; 0 when none
+};
+// Every user with what they hold, by id; 0, ERR_IO.
+uint32_t kfsd_store_user_infos(kfsd_store* store,
+                               std::vector<kfsd_user_info>* out);
+
+struct kfsd_user_change {
+  std::optional<uint64_t> quota;
+  std::optional<std::string> account;
+  std::optional<std::string> email;
+};
+// 0, ERR_AUTH_FAILURE for an unknown user, ERR_IO (nothing changed).
+uint32_t kfsd_store_change_user(kfsd_store* store, uint32_t id,
+                                const kfsd_user_change& change);
+// Removes the user, their files, versions, points and policy, and the
+// streams nothing else names, in one transaction. REQUIRES: the user's
+// lock held. 0, ERR_AUTH_FAILURE, ERR_IO (nothing removed).
+uint32_t kfsd_store_remove_user(kfsd_store* store, uint32_t id,
+                                kfsd_prune_result* freed);
+
+struct kfsd_stats {
+  uint64_t users = 0;
+  uint64_t files = 0;     // paths with a complete version
+  uint64_t versions = 0;  // complete versions, the newest included
+  uint64_t points = 0;
+  uint64_t stored_bytes = 0;   // the streams, each once
+  uint64_t logical_bytes = 0;  // the files at their newest versions
+  uint64_t history_bytes = 0;  // every complete version's size
+  uint64_t pack_bytes = 0;     // the pack files on disk
+  struct job_run {
+    uint32_t user = 0;
+    std::string job;
+    int64_t time = 0;
+    uint64_t files = 0;
+    uint64_t bytes = 0;
+  };
+  std::vector<job_run> last_runs;  // each job's newest point
+};
+uint32_t kfsd_store_stats(kfsd_store* store, kfsd_stats* out);

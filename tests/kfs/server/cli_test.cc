@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "kfs/server/store.h"
 #include "tests/kfs/server/test_client.h"
 
 namespace {
@@ -77,27 +78,41 @@ TEST_F(Cli, ErrorsAndExitStatuses) {
        {"user", "add", "missing", "--id", "9", "--name", "x"},
        1,
        "no data folder"},
-      {"a second server on a folder in use", {"serve", data}, 1,
+      {"a second server on a folder in use",
+       {"serve", data},
+       1,
        "another kfsd"},
       {"policy of no one", {"user", "set", data, "--id", "9"}, 1, "no user 9"},
-      {"policy count", {"user", "set", data, "--id", "7", "--keep-daily",
-                        "x"}, 2, "--keep-daily"},
+      {"policy count",
+       {"user", "set", data, "--id", "7", "--keep-daily", "x"},
+       2,
+       "--keep-daily"},
       {"relay settings without a relay",
-       {"serve", data, "--smtp-from", "a@b"}, 2, "need --smtp"},
-      {"relay without a port", {"serve", data, "--smtp", "mail"}, 2,
+       {"serve", data, "--smtp-from", "a@b"},
+       2,
+       "need --smtp"},
+      {"relay without a port",
+       {"serve", data, "--smtp", "mail"},
+       2,
        "HOST:PORT"},
       {"sender that is no address",
        {"serve", data, "--smtp", "mail:25", "--smtp-from", "a@b>\r\nRCPT"},
-       2, "not a mail address"},
+       2,
+       "not a mail address"},
       {"relay login without a password",
-       {"serve", data, "--smtp", "mail:25", "--smtp-user", "u"}, 2,
+       {"serve", data, "--smtp", "mail:25", "--smtp-user", "u"},
+       2,
        "go together"},
       {"relay password file missing",
        {"serve", data, "--smtp", "mail:25", "--smtp-user", "u",
-        "--smtp-password-file", "missing"}, 2, "missing: No such file"},
+        "--smtp-password-file", "missing"},
+       2,
+       "missing: No such file"},
       {"prune whom", {"prune", data}, 2, "--user N or --all"},
       {"prune both", {"prune", data, "--user", "7", "--all"}, 2, "--all"},
-      {"prune within", {"prune", data, "--all", "--keep-within", "7"}, 2,
+      {"prune within",
+       {"prune", data, "--all", "--keep-within", "7"},
+       2,
        "a duration"},
   };
   for (const auto& t : cases) {
@@ -142,6 +157,48 @@ TEST_F(Cli, KeyFilesInTheAgentFormat) {
   EXPECT_EQ(c.login(9, key9), 0);
   EXPECT_EQ(c.login(10, kKey7), 0);
   EXPECT_EQ(c.login(10, kKey8), ERR_AUTH_FAILURE);
+}
+
+// A run's lock and an operator's command on the same user exclude each
+// other, both ways; user set changes only what it is given.
+TEST_F(Cli, OperatorCommandsAndTheUserLock) {
+  const std::string data = data_dir();
+  const auto npos = std::string::npos;
+  test_client run7;
+  ASSERT_TRUE(run7.connect(port()));
+  ASSERT_EQ(run7.login(7, kKey7), 0);
+  ASSERT_EQ(run7.lock(7), 0);
+  run_result r = kfsd({"user", "remove", data, "--id", "7"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("user 7 is locked by a backup run"), npos) << r.err;
+  r = kfsd({"user", "list", data, "--json"});
+  EXPECT_NE(r.out.find("\"last_run\": 0, \"locked\": true}, {\"id\": 8"), npos)
+      << r.out;
+
+  test_client run8;
+  ASSERT_TRUE(run8.connect(port()));
+  ASSERT_EQ(run8.login(8, kKey8), 0);
+  {
+    unique_fd removing(kfsd_user_lock_take(data, 8));
+    ASSERT_TRUE(removing);
+    EXPECT_EQ(run8.lock(8), ERR_ACCESS);
+  }
+  EXPECT_EQ(run8.lock(8), 0);
+  run8.disconnect();
+
+  ASSERT_EQ(kfsd({"user", "set", data, "--id", "8", "--quota", "5000",
+                  "--email", "bob@example.org"})
+                .exit_code,
+            0);
+  r = kfsd({"user", "set", data, "--id", "8", "--account", "B"});
+  EXPECT_NE(r.out.find("account B, e-mail bob@example.org, quota 5000"), npos)
+      << r.out;
+  r = kfsd({"user", "remove", data, "--id", "8"});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  ASSERT_TRUE(run8.connect(port()));
+  EXPECT_EQ(run8.login(8, kKey8), ERR_AUTH_FAILURE);
+  r = kfsd({"user", "list", data, "--json"});
+  EXPECT_EQ(r.out.find("\"id\": 8"), npos) << r.out;
 }
 
 TEST_F(Cli, StopsPromptlyOnSigterm) {

@@ -171,8 +171,8 @@ TEST_F(RoundTrip, RandomTreesComeBackIdentical) {
     // processes; their counts add up in the summary.
     run_result r = restore({remote_of(src), dir() + "/out"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_NE(r.out.find("Restored " + std::to_string(std::max(7, shape.files)) +
-                         " files"),
+    EXPECT_NE(r.out.find("Restored " +
+                         std::to_string(std::max(7, shape.files)) + " files"),
               std::string::npos)
         << r.out;
     std::string restored = dir() + "/out/src-" + std::to_string(shape.seed);
@@ -233,10 +233,10 @@ TEST_F(RoundTrip, LaterBackupsWinAndEveryPointRestoresAsItWas) {
   ASSERT_EQ(unlink((src + files[3]).c_str()), 0);
   write_file(src + "/fixed/new", "newer");
   snapshot(src, "v3");
-  ASSERT_EQ(system(("cp -a " + dir() + "/v2" + files[3] + " " + dir() +
-                    "/v3/fixed/")
-                       .c_str()),
-            0);
+  ASSERT_EQ(
+      system(("cp -a " + dir() + "/v2" + files[3] + " " + dir() + "/v3/fixed/")
+                 .c_str()),
+      0);
   back_up(src);
 
   // Each point restores, lists and verifies as its run left the tree.
@@ -274,17 +274,32 @@ TEST_F(RoundTrip, LaterBackupsWinAndEveryPointRestoresAsItWas) {
   EXPECT_NE(r.err.find("no restore point at or before"), std::string::npos);
 
   // A stored policy is applied by the server after each completed run.
-  ASSERT_EQ(svc_.kfsd({"user", "set", svc_.data, "--id", "7", "--keep-last",
-                       "2"})
-                .exit_code,
-            0);
+  ASSERT_EQ(
+      svc_.kfsd({"user", "set", svc_.data, "--id", "7", "--keep-last", "2"})
+          .exit_code,
+      0);
   for (int run = 0; run < 2; ++run) {
     backup_service::next_second();
     back_up(src);
   }
-  EXPECT_NE(restore({"--points"}).out.find("\n2 points\n"),
-            std::string::npos);
+  EXPECT_NE(restore({"--points"}).out.find("\n2 points\n"), std::string::npos);
   EXPECT_EQ(svc_.check_store(), "");
+
+  // What an operator sees; then the user goes with everything stored.
+  r = svc_.kfsd({"stats", svc_.data, "--json"});
+  EXPECT_NE(r.out.find("{\"users\": 1, \"files\": 25, "), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("\"points\": 2, "), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"last_runs\": [{\"user\": 7, \"job\": \"rt\""),
+            std::string::npos)
+      << r.out;
+  EXPECT_EQ(svc_.kfsd({"user", "remove", svc_.data, "--id", "7"}).exit_code, 0);
+  EXPECT_EQ(svc_.check_store(), "");
+  r = svc_.kfsd({"stats", svc_.data, "--json"});
+  EXPECT_NE(r.out.find("{\"users\": 0, \"files\": 0, \"versions\": 0, "
+                       "\"points\": 0, \"stored_bytes\": 0, "),
+            std::string::npos)
+      << r.out;
 }
 
 TEST_F(RoundTrip, BackupCutOffInTheMiddleOfAFileRestoresExactly) {
@@ -450,7 +465,8 @@ TEST_F(RoundTrip, CheckFindsDamagedStreams) {
   make_tree(dir() + "/src", {"small", 5, 2, 8, 3 * kBlock});
   back_up(dir() + "/src");
   std::string pack = svc_.data + "/packs/00000001.pack";
-  std::string loose = dir() + "/old/blocks/0e/"
+  std::string loose = dir() +
+                      "/old/blocks/0e/"
                       "0e8ba705a2b13a59c6453687b021e83523901c3684772804051562"
                       "432f6f1073";
   ASSERT_EQ(system(("cp -r " KFSD_1_FOLDER " " + dir() + "/old").c_str()), 0);
