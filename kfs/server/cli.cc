@@ -74,9 +74,6 @@ bool parse_smtp(option_map& opt, kfsd_smtp_settings* out) {
   if (opt.count("--smtp") == 0) {
     return !any || bad("the --smtp-... options need --smtp HOST:PORT");
   }
-#ifndef KFSD_HAVE_CURL
-  return bad("--smtp: this kfsd was built without mail delivery");
-#endif
   const std::string& relay = opt["--smtp"][0];
   if (!cli_parse_host_port(relay, &out->host, &out->port) || out->port == 0 ||
       out->host.find_first_of("/@[]? \t") != std::string::npos) {
@@ -109,6 +106,10 @@ bool parse_smtp(option_map& opt, kfsd_smtp_settings* out) {
       return bad(file + ": the first line holds no password");
     }
   }
+#ifndef KFSD_HAVE_CURL
+  // Checked last, so a setting is judged the same in every build.
+  return bad("--smtp: this kfsd was built without mail delivery");
+#endif
   return true;
 }
 
