@@ -438,7 +438,7 @@ void kfsd_fixture_end(kfsd_fixture* f) {
   c->handles.clear();
   c->listings.clear();
   auto it = f->server.locks.find(c->uid);
-  if (it != f->server.locks.end() && it->second == c->id) {
+  if (it != f->server.locks.end() && it->second.conn == c->id) {
     f->server.locks.erase(it);
   }
   kfsd_store& store = f->server.store;
