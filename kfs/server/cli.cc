@@ -16,10 +16,10 @@ namespace {
 
 constexpr char kUsage[] =
     "usage: kfsd init DIR\n"
-    "       kfsd serve DIR [--listen ADDRESS:PORT] [--block-size BYTES]"
-    " [--port-file FILE]\n"
-    "                      [--announce HOST:PORT]... [--redirect]"
-    " [--verbose]\n"
+    "       kfsd serve [DIR] [--config FILE] [--listen ADDRESS:PORT]"
+    " [--block-size BYTES]\n"
+    "                      [--port-file FILE]"
+    " [--announce HOST:PORT]... [--redirect] [--verbose]\n"
     "                      [--smtp HOST:PORT [--smtp-from ADDRESS]"
     " [--smtp-starttls]\n"
     "                       [--smtp-user NAME --smtp-password-file FILE]]\n"
@@ -43,7 +43,10 @@ constexpr option_def kServeOptions[] = {
     {"--redirect", false, false}, {"--no-sync", false, false},
     {"--verbose", false, false},  {"--smtp", true, false},
     {"--smtp-from", true, false}, {"--smtp-starttls", false, false},
-    {"--smtp-user", true, false}, {"--smtp-password-file", true, false}};
+    {"--smtp-user", true, false}, {"--smtp-password-file", true, false},
+    {"--config", true, false}};
+
+constexpr char kDefaultConfig[] = "/etc/kfsd.conf";
 
 int run_init(int argc, char** argv) {
   if (argc != 3) {
@@ -109,16 +112,49 @@ bool parse_smtp(option_map& opt, kfsd_smtp_settings* out) {
   return true;
 }
 
+// serve's options: the command line's over the configuration file's (the
+// one given, else the default one when no data folder is given either).
+bool serve_options(int argc, char** argv, option_map* opt, std::string* dir) {
+  int first = 2;
+  if (argc > 2 && argv[2][0] != '-') {
+    *dir = argv[2];
+    first = 3;
+  }
+  if (!cli_parse_options(argc, argv, first, kServeOptions, opt)) {
+    return false;
+  }
+  std::string config = opt->count("--config") != 0 ? (*opt)["--config"][0]
+                       : dir->empty()              ? kDefaultConfig
+                                                   : "";
+  if (config.empty()) {
+    return true;
+  }
+  option_map file;
+  std::string data, error;
+  if (!cli_read_config(config, kServeOptions, &file, &data, &error)) {
+    cli_fail(2, error);
+    return false;
+  }
+  for (auto& [name, values] : *opt) {
+    file[name] = values;
+  }
+  *opt = std::move(file);
+  if (dir->empty()) {
+    *dir = data;
+  }
+  if (dir->empty()) {
+    cli_fail(2, "no data folder: give DIR, or data = FOLDER in " + config);
+    return false;
+  }
+  return true;
+}
+
 int run_serve(int argc, char** argv) {
   option_map opt;
-  if (argc < 3 || argv[2][0] == '-') {
-    return cli_usage();
-  }
-  if (!cli_parse_options(argc, argv, 3, kServeOptions, &opt)) {
+  kfsd_settings s;
+  if (!serve_options(argc, argv, &opt, &s.dir)) {
     return 2;
   }
-  kfsd_settings s;
-  s.dir = argv[2];
   struct in_addr addr;
   if (opt.count("--listen") &&
       (!cli_parse_host_port(opt["--listen"][0], &s.listen_host,

@@ -41,6 +41,13 @@ bool cli_parse_number(const std::string& text, uint64_t max, uint64_t* out);
 bool cli_parse_host_port(const std::string& text, std::string* host,
                          uint16_t* port);
 
+// Reads a configuration file of options: "key = value" lines, '#'
+// comments; a key is a long option of defs without its dashes (a switch
+// takes yes or no), "data" the data folder. False with *error naming the
+// file and line.
+bool cli_read_config(const std::string& path, std::span<const option_def> defs,
+                     option_map* out, std::string* data, std::string* error);
+
 struct kfsd_store;
 // Rewrites packs that are mostly freed space when no server runs on dir;
 // says what it did or that the server will.

@@ -26,6 +26,10 @@ TEST_F(Cli, ErrorsAndExitStatuses) {
   make_dirs("damaged");
   write_file("damaged/kfsd.db", "not a database, just text");
   write_file("short.key", "| short\n" + std::string(62, 'a') + "\n");
+  write_file("unknown.conf", "# kfsd\n\ncolour = blue\n");
+  write_file("noequals.conf", "listen 127.0.0.1:7001\n");
+  write_file("maybe.conf", "verbose = maybe\n");
+  write_file("nodata.conf", "verbose = yes\n");
   const std::string data = data_dir();
   const struct {
     const char* name;
@@ -108,6 +112,26 @@ TEST_F(Cli, ErrorsAndExitStatuses) {
         "--smtp-password-file", "missing"},
        2,
        "missing: No such file"},
+      {"configuration: unknown setting",
+       {"serve", "--config", "unknown.conf"},
+       2,
+       "unknown.conf:3: unknown setting colour"},
+      {"configuration: no =",
+       {"serve", "--config", "noequals.conf"},
+       2,
+       "noequals.conf:1: not a setting"},
+      {"configuration: switch",
+       {"serve", "--config", "maybe.conf"},
+       2,
+       "verbose takes yes or no"},
+      {"configuration: missing",
+       {"serve", "--config", "none.conf"},
+       2,
+       "none.conf: No such file"},
+      {"configuration: no data folder",
+       {"serve", "--config", "nodata.conf"},
+       2,
+       "no data folder"},
       {"prune whom", {"prune", data}, 2, "--user N or --all"},
       {"prune both", {"prune", data, "--user", "7", "--all"}, 2, "--all"},
       {"prune within",
@@ -199,6 +223,23 @@ TEST_F(Cli, OperatorCommandsAndTheUserLock) {
   EXPECT_EQ(run8.login(8, kKey8), ERR_AUTH_FAILURE);
   r = kfsd({"user", "list", data, "--json"});
   EXPECT_EQ(r.out.find("\"id\": 8"), npos) << r.out;
+}
+
+// The configuration file names the folder and the switches; flags win.
+TEST_F(Cli, ServesFromAConfigurationFile) {
+  kfsd_init(dir() + "/other");
+  write_file("kfsd.conf", "# a service\ndata = " + dir() +
+                              "/other\nlisten = 256.0.0.1:1\nverbose = yes\n");
+  port_process server;
+  std::string port_file = new_port_file("conf");
+  ASSERT_TRUE(
+      server.start(KFSD_PATH,
+                   {"kfsd", "serve", "--config", "kfsd.conf", "--listen",
+                    "127.0.0.1:0", "--port-file", port_file},
+                   port_file));
+  test_client c;
+  ASSERT_TRUE(c.connect(server.port()));
+  EXPECT_EQ(c.login(7, kKey7), ERR_AUTH_FAILURE);  // no users there
 }
 
 TEST_F(Cli, StopsPromptlyOnSigterm) {
