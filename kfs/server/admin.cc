@@ -135,18 +135,8 @@ uint32_t kfsd_store_remove_user(kfsd_store* store, uint32_t id,
     ok = ok && q.bind(id).run();
   }
   std::set<std::string> unnamed;
-  kfsd_sql named(db, "SELECT 1 FROM blocks WHERE stream = ? LIMIT 1");
-  kfsd_sql forget(db, "DELETE FROM streams WHERE hex = ?");
-  for (const auto& [hex, length] : candidates) {
-    named.reset();
-    if (ok && !named.bind_text(hex).row() && !named.failed()) {
-      unnamed.insert(hex);
-      freed->bytes += length;
-      forget.reset();
-      ok = forget.bind_text(hex).run();
-    }
-    ok = ok && !named.failed();
-  }
+  ok =
+      ok && kfsd_unnamed_streams(db, candidates, true, &unnamed, &freed->bytes);
   freed->streams = unnamed.size();
   if (!ok || !txn.commit()) {
     return ERR_IO;

@@ -285,6 +285,18 @@ bool cli_parse_number(const std::string& text, uint64_t max, uint64_t* out) {
   return v <= max;
 }
 
+bool cli_user_id(option_map& opt, const char* command, uint32_t* id) {
+  uint64_t n = 0;
+  if (opt.count("--id") == 0 ||
+      !cli_parse_number(opt["--id"][0], UINT32_MAX, &n)) {
+    cli_fail(2, std::string(command) +
+                    " needs --id with a number from 0 to 4294967295");
+    return false;
+  }
+  *id = static_cast<uint32_t>(n);
+  return true;
+}
+
 bool cli_parse_host_port(const std::string& text, std::string* host,
                          uint16_t* port) {
   size_t colon = text.rfind(':');

@@ -136,13 +136,10 @@ int cli_run_user_remove(int argc, char** argv) {
   if (!cli_parse_options(argc, argv, 4, kRemoveOptions, &opt)) {
     return 2;
   }
-  uint64_t n = 0;
-  if (opt.count("--id") == 0 ||
-      !cli_parse_number(opt["--id"][0], UINT32_MAX, &n)) {
-    return cli_fail(
-        2, "user remove needs --id with a number from 0 to 4294967295");
+  uint32_t id = 0;
+  if (!cli_user_id(opt, "user remove", &id)) {
+    return 2;
   }
-  uint32_t id = static_cast<uint32_t>(n);
   std::string dir = argv[3];
   kfsd_store store;
   std::string error;

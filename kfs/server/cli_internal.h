@@ -37,6 +37,9 @@ bool cli_parse_options(int argc, char** argv, int first,
 // A plain decimal number up to max.
 bool cli_parse_number(const std::string& text, uint64_t max, uint64_t* out);
 
+// The user a command is about (--id N); false after printing an error.
+bool cli_user_id(option_map& opt, const char* command, uint32_t* id);
+
 // HOST:PORT, the port a number up to 65535.
 bool cli_parse_host_port(const std::string& text, std::string* host,
                          uint16_t* port);

@@ -205,13 +205,10 @@ int run_user_set(int argc, char** argv) {
   if (!cli_parse_options(argc, argv, 4, kSetOptions, &opt)) {
     return 2;
   }
-  uint64_t n = 0;
-  if (opt.count("--id") == 0 ||
-      !cli_parse_number(opt["--id"][0], UINT32_MAX, &n)) {
-    return cli_fail(2,
-                    "user set needs --id with a number from 0 to 4294967295");
+  uint32_t id = 0;
+  if (!cli_user_id(opt, "user set", &id)) {
+    return 2;
   }
-  uint32_t id = static_cast<uint32_t>(n);
   kfsd_retention rules;
   kfsd_user_change change;
   if (!parse_rules(opt, &rules) || !parse_change(opt, &change)) {

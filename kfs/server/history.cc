@@ -16,7 +16,6 @@
 
 namespace {
 
-
 // A row of (id, name, time, job, job_file, files, bytes, upto).
 kfsd_point read_point(kfsd_sql* q) {
   kfsd_point p;
@@ -192,31 +191,44 @@ uint32_t kfsd_store_prune(kfsd_store* store, uint32_t user,
   }
   out->versions = doomed.size();
   std::set<std::string> unnamed;
-  kfsd_sql named(db, "SELECT 1 FROM blocks WHERE stream = ? LIMIT 1");
-  for (const auto& [hex, length] : candidates) {
-    named.reset();
-    if (!named.bind_text(hex).row() && !named.failed()) {
-      unnamed.insert(hex);
-      out->bytes += length;
-    }
-  }
+  ok = ok &&
+       kfsd_unnamed_streams(db, candidates, !dry_run, &unnamed, &out->bytes);
   out->streams = unnamed.size();
-  if (!ok || named.failed()) {
+  if (!ok) {
     return ERR_IO;
   }
   if (dry_run) {
     return 0;  // the transaction is rolled back
   }
-  kfsd_sql forget(db, "DELETE FROM streams WHERE hex = ?");
-  for (const std::string& hex : unnamed) {
-    forget.reset();
-    ok = ok && forget.bind_text(hex).run();
-  }
-  if (!ok || !txn.commit()) {
+  if (!txn.commit()) {
     return ERR_IO;
   }
   kfsd_collect(store, unnamed);  // files of their own go now
   return 0;
+}
+
+bool kfsd_unnamed_streams(sqlite3* db,
+                          const std::map<std::string, uint64_t>& candidates,
+                          bool forget, std::set<std::string>* unnamed,
+                          uint64_t* bytes) {
+  kfsd_sql named(db, "SELECT 1 FROM blocks WHERE stream = ? LIMIT 1");
+  kfsd_sql drop(db, "DELETE FROM streams WHERE hex = ?");
+  for (const auto& [hex, length] : candidates) {
+    named.reset();
+    if (named.bind_text(hex).row()) {
+      continue;
+    }
+    if (named.failed()) {
+      return false;
+    }
+    unnamed->insert(hex);
+    *bytes += length;
+    drop.reset();
+    if (forget && !drop.bind_text(hex).run()) {
+      return false;
+    }
+  }
+  return true;
 }
 
 uint32_t kfsd_store_get_policy(kfsd_store* store, uint32_t user,

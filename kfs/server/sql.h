@@ -88,3 +88,12 @@ uint32_t kfsd_points_list(kfsd_store* store, uint32_t user,
 // commit: a failure here only leaves something behind. REQUIRES:
 // store->mutex held.
 void kfsd_collect(kfsd_store* store, const std::set<std::string>& candidates);
+
+// Of the candidate streams (hex -> length), the ones no block names any
+// more go into *unnamed, their lengths added to *bytes; with forget their
+// rows are deleted too. Inside the caller's transaction; false on a
+// database error.
+bool kfsd_unnamed_streams(sqlite3* db,
+                          const std::map<std::string, uint64_t>& candidates,
+                          bool forget, std::set<std::string>* unnamed,
+                          uint64_t* bytes);
