@@ -19,7 +19,6 @@
 #include <vector>
 
 #include "fuzz/fuzz_support.h"
-#include "fuzz/seed_formats.h"
 #include "kfs/client/kfs.h"
 #include "kfs/client/kfs_internal.h"
 #include "lib/scoped.h"
@@ -28,117 +27,90 @@
 
 namespace {
 
-void check_find(uint32_t rc, kfs_find_args* a, bool long_names) {
-  if (rc == 0) {
-    fuzz_require(str_list_count(a->entries) == a->count, "one entry a count");
-    for (int32_t i = 0; i < a->count; ++i) {
-      const auto* e =
-          reinterpret_cast<const kfs_find_entry*>(str_list_get(a->entries, i));
-      fuzz_require(e->name_len <= (long_names ? 0xFFFFu : 0xFFu),
-                   "name length within its field");
-      fuzz_require(strlen(e->name) <= e->name_len, "name terminated");
-    }
-  } else {
-    fuzz_require(a->entries == nullptr, "a failed listing keeps no entries");
-  }
-  kfs_find_release(a);
+constexpr char kFile[] = "/7/Today/box/srv/photos/a.jpg";
+const uint32_t kUser = FUZZ_USER_ID;
+const kfs_mgnt_item kMgnt = {MGNT_U_EMAIL, "me@example.org"};
+str_list* const kOptions = [] {
+  str_list* options = str_list_new(1, 1, nullptr);
+  str_list_insert(options, "opt=1", 5, 0);
+  return options;
+}();
+uint8_t reply[1024];  // copied replies, read pieces
+uint32_t reply_len = 0;
+uint64_t values[3];
+
+void lock(kfs_session* s) {
+  kfs_lock_args a = {0, 1, &kUser};
+  kfs_user_lock(s, &a);
 }
 
-// Runs the picked request; its reply is whatever the responder sends.
-void run_request(kfs_session* s, uint8_t pick) {
-  switch (pick) {
-    case FUZZ_PICK_FIND:
-    case FUZZ_PICK_FIND_LONG_NAMES: {
-      bool long_names = pick == FUZZ_PICK_FIND_LONG_NAMES;
-      kfs_find_args a = {};
-      a.flags = static_cast<uint8_t>(0x20 | (long_names ? 0x01 : 0));
-      a.directory = "/7/Today/box";
-      a.pattern = "";
-      check_find(kfs_find_files(s, &a), &a, long_names);
-      break;
-    }
-    case FUZZ_PICK_WOPEN: {
-      kfs_wopen_args a = {};
-      a.flags = 1;
-      a.value_a = 1700000000;
-      a.path = "/7/Today/box/srv/photos/a.jpg";
-      a.value_c = 4096;
+void stat(kfs_session* s, uint8_t flags) {
+  kfs_stat_args a = {.flags = flags, .path = "/7/Today"};
+  kfs_stat(s, &a);
+  fuzz_require(strlen(a.name) < sizeof a.name, "stat name terminated");
+}
+
+void find(kfs_session* s, bool wide) {
+  kfs_find_args a = {.flags = static_cast<uint8_t>(wide ? 0x21 : 0x20),
+                     .directory = "/7/Today/box",
+                     .pattern = ""};
+  uint32_t rc = kfs_find_files(s, &a);
+  fuzz_require(
+      rc == 0 ? str_list_count(a.entries) == a.count : a.entries == nullptr,
+      "one entry a count; a failed listing keeps none");
+  for (int32_t i = 0; rc == 0 && i < a.count; ++i) {
+    const auto* e =
+        reinterpret_cast<const kfs_find_entry*>(str_list_get(a.entries, i));
+    fuzz_require(e->name_len <= (wide ? 0xFFFFu : 0xFFu) &&
+                     strlen(e->name) <= e->name_len,
+                 "a name within its length field, terminated");
+  }
+  kfs_find_release(&a);
+}
+
+// A step's first byte, modulo their count, picks the request its reply
+// answers (the seeds are written in these numbers); 0 and 1 are the logins
+// in mode agent and user when first, decoded without a connection, and
+// otherwise the user lock.
+using request_fn = void (*)(kfs_session* s);
+const request_fn kRequests[] = {
+    lock,
+    lock,
+    [](kfs_session* s) { find(s, false); },
+    [](kfs_session* s) { find(s, true); },
+    [](kfs_session* s) {
+      kfs_wopen_args a = {
+          .flags = 1, .value_a = 1700000000, .path = kFile, .value_c = 4096};
       kfs_file_wopen(s, &a);
-      break;
-    }
-    case FUZZ_PICK_WRITE: {
-      uint8_t digest[16] = {1, 2, 3};
-      kfs_write_args a = {};
-      a.handle = 1;
-      a.flags = KFS_WRITE_BEGIN_BLOCK;
-      a.n = sizeof digest;
-      a.data = digest;
+    },
+    [](kfs_session* s) {
+      kfs_write_args a = {1, KFS_WRITE_BEGIN_BLOCK, 16, "0123456789abcdef", 0};
       kfs_file_write(s, &a);
-      break;
-    }
-    case FUZZ_PICK_ROPEN: {
-      kfs_ropen_args a = {};
-      a.path = "/7/Today/box/srv/photos/a.jpg";
-      if (kfs_file_ropen(s, &a) == 0) {
-        fuzz_require(a.attr_len <= sizeof a.attr, "attributes fit");
-      }
-      break;
-    }
-    case FUZZ_PICK_READ: {
-      static uint8_t data[FUZZ_READ_MAX];
-      kfs_read_args a = {};
-      a.handle = 1;
-      a.max_length = FUZZ_READ_MAX;
-      a.data = data;
-      if (kfs_file_read(s, &a) == 0) {
-        fuzz_require(a.n <= FUZZ_READ_MAX, "a piece within the size asked for");
-      }
-      break;
-    }
-    case FUZZ_PICK_STAT:
-    case FUZZ_PICK_STAT_LONG: {
-      kfs_stat_args a = {};
-      a.flags = pick == FUZZ_PICK_STAT_LONG ? 1 : 0;
-      a.path = "/7/Today";
-      kfs_stat(s, &a);
-      fuzz_require(strlen(a.name) < sizeof a.name, "stat name terminated");
-      break;
-    }
-    case FUZZ_PICK_COPY: {
-      uint64_t values[3];
-      kfs_copy(s, 0, "/7/a", "/7/b", values);
-      break;
-    }
-    case FUZZ_PICK_SETOPT: {
-      str_list* options = str_list_new(1, 1, nullptr);
-      str_list_insert(options, "opt=1", 5, 0);
-      uint8_t out[64];
-      uint32_t out_len = 0;
-      kfs_setopt(s, options, out, sizeof out, &out_len);
-      str_list_free(options);
-      break;
-    }
-    case FUZZ_PICK_MGNT: {
-      kfs_mgnt_item item = {MGNT_U_EMAIL, "me@example.org"};
-      uint8_t out[64];
-      uint32_t out_len = 0;
-      kfs_mgnt(s, &item, 1, out, sizeof out, &out_len);
-      break;
-    }
-    default: {
-      uint32_t user = FUZZ_USER_ID;
-      kfs_lock_args a = {0, 1, &user};
-      kfs_user_lock(s, &a);
-      break;
-    }
-  }
-}
+    },
+    [](kfs_session* s) {
+      kfs_ropen_args a = {.path = kFile};
+      fuzz_require(kfs_file_ropen(s, &a) != 0 || a.attr_len <= sizeof a.attr,
+                   "attributes fit");
+    },
+    [](kfs_session* s) {
+      kfs_read_args a = {.handle = 1, .max_length = 1024, .data = reply};
+      fuzz_require(kfs_file_read(s, &a) != 0 || a.n <= 1024,
+                   "a piece within the size asked for");
+    },
+    [](kfs_session* s) { stat(s, 0); },
+    [](kfs_session* s) { stat(s, 1); },
+    [](kfs_session* s) { kfs_copy(s, 0, "/7/a", "/7/b", values); },
+    [](kfs_session* s) { kfs_setopt(s, kOptions, reply, 64, &reply_len); },
+    [](kfs_session* s) { kfs_mgnt(s, &kMgnt, 1, reply, 64, &reply_len); },
+    lock,
+};
+constexpr uint8_t kPicks = sizeof kRequests / sizeof kRequests[0];
 
-void decode_login(kfs_session* s, uint8_t mode, const uint8_t* body,
-                  uint32_t body_length) {
+// A login reply decoded as the session's login takes it.
+void decode_login(kfs_session* s, uint8_t mode, const std::string& body) {
   s->auth_mode = mode;
-  s->message.data_length = static_cast<uint16_t>(body_length);
-  memcpy(s->message.buffer, body, body_length);
+  s->message.data_length = static_cast<uint16_t>(body.size());
+  memcpy(s->message.buffer, body.data(), body.size());
   char name_before[sizeof s->user_name];
   memcpy(name_before, s->user_name, sizeof name_before);
   bool redirect = false;
@@ -156,25 +128,27 @@ void decode_login(kfs_session* s, uint8_t mode, const uint8_t* body,
 }
 
 // The script for the steps: step k answers request k + 1, the first login
-// being request 0, so a step after a re-connection lands on its login.
+// being request 0, so a step after a re-connection lands on its login. The
+// fault byte's last decimal digit picks the fault, the rest its value; a
+// broken key exchange is kept for the next connection.
 std::vector<script_step> script_of(const uint8_t* data, size_t size,
                                    std::vector<uint8_t>* picks) {
+  using f = script_fault;
+  constexpr script_fault kFaults[10] = {
+      f::none,          f::reply_type,     f::reply_sequence, f::reply_status,
+      f::reply_bad_crc, f::reply_trailing, f::reply_drop,     f::key_damaged,
+      f::hello_short,   f::key_padded};
   std::vector<script_step> script;
   for (size_t at = 0; size - at >= 4 && picks->size() < 8;) {
     uint8_t fault = data[at + 1];
-    size_t n = std::min<size_t>(
-        {get_be16(data + at + 2), size - at - 4, KFS_MAX_BODY});
+    size_t n = std::min<size_t>(get_be16(data + at + 2), size - at - 4);
+    const uint8_t* body = data + at + 4;
     int request = static_cast<int>(picks->size()) + 1;
-    picks->push_back(data[at] % FUZZ_PICK_COUNT);
-    script.push_back({script_fault::reply_body, request, 0,
-                      std::string(data + at + 4, data + at + 4 + n)});
-    // The fault byte's last decimal digit picks the fault, the rest its
-    // value; a broken key exchange is kept for the next connection.
-    using f = script_fault;
-    constexpr script_fault kFaults[10] = {
-        f::none,          f::reply_type,     f::reply_sequence, f::reply_status,
-        f::reply_bad_crc, f::reply_trailing, f::reply_drop,     f::key_damaged,
-        f::hello_short,   f::key_padded};
+    picks->push_back(data[at] % kPicks);
+    at += 4 + n;
+    script.push_back(
+        {f::reply_body, request, 0,
+         std::string(body, body + std::min<size_t>(n, KFS_MAX_BODY))});
     script_fault kind = kFaults[fault % 10];
     uint32_t value = kind == f::reply_type   ? fault
                      : kind == f::key_padded ? 512u
@@ -183,7 +157,6 @@ std::vector<script_step> script_of(const uint8_t* data, size_t size,
     if (kind != f::none) {
       script.push_back({kind, opening ? 1 : request, value});
     }
-    at += 4 + std::min<size_t>(get_be16(data + at + 2), size - at - 4);
   }
   return script;
 }
@@ -214,12 +187,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   s->user_id = FUZZ_USER_ID;
   snprintf(s->user_name, sizeof s->user_name, "%s", "fuzz");
 
-  if (picks[0] == FUZZ_PICK_LOGIN_AGENT || picks[0] == FUZZ_PICK_LOGIN_USER) {
-    const std::string& body = script[0].body;
-    decode_login(
-        s, picks[0] == FUZZ_PICK_LOGIN_AGENT ? AUTH_MODE_AGENT : AUTH_MODE_USER,
-        reinterpret_cast<const uint8_t*>(body.data()),
-        static_cast<uint32_t>(body.size()));
+  if (picks[0] < 2) {
+    decode_login(s, picks[0] == 0 ? AUTH_MODE_AGENT : AUTH_MODE_USER,
+                 script[0].body);
     return 0;
   }
   scripted_server server;
@@ -228,7 +198,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz_write_file(hosts, reinterpret_cast<const uint8_t*>(line.data()),
                   line.size());
   for (uint8_t pick : picks) {
-    run_request(s, pick);
+    kRequests[pick](s);
   }
   kfs_session_disconnect(s);
   server.stop();

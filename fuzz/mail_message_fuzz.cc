@@ -28,9 +28,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                  "body lines within 76 characters, headers within 998");
     for (size_t i = at; i < end; ++i) {
       unsigned char c = static_cast<unsigned char>(mail[i]);
-      fuzz_require(c != '\r' && c != '\n' && c != 0, "no stray line breaks");
-      fuzz_require(i > body || (c >= 0x20 && c < 0x7f) || c == '\t',
-                   "headers in printable ASCII");
+      fuzz_require(c != '\r' && c != '\n' && c != 0 &&
+                       (i > body || (c >= 0x20 && c < 0x7f) || c == '\t'),
+                   "no stray line breaks; headers in printable ASCII");
     }
     at = end + 2;
   }

@@ -1,14 +1,13 @@
 // kfs_packet_recv on any bytes, in the clear (mode 1) and under AES (mode 3,
-// a fixed key): the input goes into one end of a socket pair, whose write
-// side is then shut, and packets are read from the other end until one
-// fails with nothing left to read. Every other packet goes through the raw
-// variant. A packet that parses must describe itself consistently.
+// the fixed key below, which the aes-* seeds are encrypted with): the input
+// goes into one end of a socket pair, whose write side is then shut, and
+// packets are read from the other end until one fails with nothing left to
+// read. Every other packet goes through the raw variant. A packet that
+// parses must describe itself consistently.
 #include <stddef.h>
 #include <stdint.h>
-#include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "fuzz/fuzz_support.h"
 #include "kfs/client/kfs.h"
@@ -56,12 +55,20 @@ void receive_all(kfs_packet_cipher* cipher, kfs_message* message,
   }
 }
 
+kfs_packet_cipher* cipher(int mode) {
+  // The key the aes-* seeds are encrypted with.
+  static const char key[] =
+      "KFS-fuzz\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d"
+      "\x0e\x0f\x10\x11\x12\x13\x14\x15\x16\x17";
+  static_assert(sizeof key == KFS_KEY_SIZE + 1);
+  return kfs_cipher_new(mode, reinterpret_cast<const uint8_t*>(key), 0);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static kfs_packet_cipher* plain = kfs_cipher_new(1, FUZZ_PACKET_KEY, 0);
-  static kfs_packet_cipher* aes =
-      kfs_cipher_new(KFS_MODE_AES, FUZZ_PACKET_KEY, 0);
+  static kfs_packet_cipher* plain = cipher(1);
+  static kfs_packet_cipher* aes = cipher(KFS_MODE_AES);
   static malloc_ptr<kfs_message> message(
       static_cast<kfs_message*>(calloc(1, sizeof(kfs_message))));
   if (size > kMaxInput) {
