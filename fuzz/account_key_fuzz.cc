@@ -3,12 +3,6 @@
 // without NUL bytes and with lines the agent reads whole (it reads up to
 // 1023 bytes a line and stops a line at a NUL; past either the two differ
 // by design), they must agree on the verdict and on the key.
-#include <stddef.h>
-#include <stdint.h>
-#include <string.h>
-
-#include <algorithm>
-#include <string>
 
 #include "agent/account_key.h"
 #include "fuzz/fuzz_support.h"

@@ -5,24 +5,14 @@
 // i with mtime 1700000000 + i and size i * 4099, so these lookups hit) and
 // about paths and attributes taken from the input, and closed discarding.
 // The working directory is the scratch folder, as the agent's is its root.
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <string>
-
 #include "agent/fci/fci.h"
+#include "agent/fci/fci_internal.h"
 #include "fuzz/fuzz_support.h"
 
 namespace {
-
-uint32_t get_u32le(const uint8_t* p) {
-  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-         static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-}
 
 void look_up(fci_context* ctx, const char* path, uint32_t mtime,
              uint32_t size_low, uint32_t size_high) {
@@ -46,17 +36,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 4) {
     return 0;
   }
-  int32_t stamp = static_cast<int32_t>(get_u32le(data));
+  int32_t stamp = static_cast<int32_t>(fci_get_u32le(data));
   fuzz_write_file("etc/fuzz.fci", data + 4, size - 4);
-
   int rc = fci_open(&ctx, "jobs/fuzz", stamp);
-  fuzz_require(rc == 0 || (ctx.flags & FCI_FLAG_INVALID) != 0,
-               "a failed open leaves the index invalid");
-  fuzz_require(rc != 0 || (ctx.commit_time == stamp && ctx.page_count > 0 &&
-                           ctx.page_count - ctx.whole_leads <= 1),
-               "opened with the stamp and the lead records of every page");
+  fuzz_require(rc == 0 ? ctx.commit_time == stamp && ctx.page_count > 0 &&
+                             ctx.page_count - ctx.whole_leads <= 1
+                       : (ctx.flags & FCI_FLAG_INVALID) != 0,
+               "opened with the stamp and every page's lead record, or "
+               "failed leaving the index invalid");
   fuzz_require(strlen(ctx.error_text) < sizeof ctx.error_text, "error text");
-
   for (uint32_t i = 0; i < 300; i += 5) {
     char path[64];
     snprintf(path, sizeof path, "/srv/photos/%03u.jpg", i);
@@ -64,11 +52,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   // Paths and attributes from the input: pieces of its record area.
   for (size_t at = 12; at + 12 <= size; at += 97) {
-    std::string path(reinterpret_cast<const char*>(data + at),
-                     strnlen(reinterpret_cast<const char*>(data + at),
-                             size - at < 40 ? size - at : 40));
-    look_up(&ctx, path.c_str(), get_u32le(data + at), get_u32le(data + at + 4),
-            get_u32le(data + at + 8));
+    const char* text = reinterpret_cast<const char*>(data + at);
+    std::string path(text, strnlen(text, std::min<size_t>(size - at, 40)));
+    look_up(&ctx, path.c_str(), fci_get_u32le(data + at),
+            fci_get_u32le(data + at + 4), fci_get_u32le(data + at + 8));
   }
   fci_close(&ctx, 0);
   fci_close(&ctx, 0);  // a second close does nothing

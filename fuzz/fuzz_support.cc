@@ -1,7 +1,6 @@
 #include "fuzz/fuzz_support.h"
 
 #include <fcntl.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -26,9 +25,8 @@ const std::string& fuzz_scratch_dir() {
   const char* tmp = getenv("TMPDIR");
   std::string pattern =
       std::string(tmp && *tmp ? tmp : "/tmp") + "/kovra-fuzz-XXXXXX";
-  std::error_code error;
   fuzz_require(mkdtemp(pattern.data()) != nullptr, "a scratch folder");
-  scratch = std::filesystem::canonical(pattern, error);
+  scratch = pattern;
   atexit([] {
     std::error_code error;
     std::filesystem::remove_all(scratch, error);

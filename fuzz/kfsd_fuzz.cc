@@ -16,31 +16,24 @@
 // them, so nothing grows across inputs and an input replays alike. With
 // KOVRA_FUZZ_TRACE set, each request is told on standard error.
 #include <sqlite3.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
+#include <map>
 #include <memory>
-#include <string>
 
 #include <openssl/evp.h>
 
 #include "fuzz/fuzz_support.h"
 #include "kfs/server/kfsd_internal.h"
-#include "lib/scoped.h"
+#include "lib/hex.h"
 
 namespace {
 
 constexpr uint32_t kBlockSize = 64;  // the server's base size
 constexpr uint32_t kMtime = 1700000000;
 constexpr uint32_t kUploadBlocks = 4;  // of the 200-byte pending upload
-constexpr uint8_t kWriteHandle = 1;    // the pending upload, no block begun
-constexpr uint8_t kReadHandle = 2;     // the complete file
-constexpr uint8_t kInBlockHandle = 3;  // the pending upload, block 0 begun
-constexpr uint8_t kListing = 1;        // 300 entries, none sent yet
 
 // Made once and never destroyed, as the server's own are: what they hold
 // must outlive OpenSSL's clean-up at exit.
@@ -50,7 +43,10 @@ kfs_message& in = *static_cast<kfs_message*>(calloc(1, sizeof(kfs_message)));
 kfs_message& out = *static_cast<kfs_message*>(calloc(1, sizeof(kfs_message)));
 kfsd_conn* conn = nullptr;
 int64_t upload_version = 0;
-kfsd_ropen_result& file = *new kfsd_ropen_result;  // pinned for good
+kfsd_path& file = *new kfsd_path;  // the complete one
+// The pins of the store once set up: the complete file's streams and pack.
+std::map<std::string, int>& pins = *new std::map<std::string, int>;
+std::map<int64_t, int>& pack_pins = *new std::map<int64_t, int>;
 kfsd_listing& listing = *new kfsd_listing;
 sqlite3* pristine = nullptr;  // the database as set up
 int64_t changes_mark = 0;     // sqlite3_total_changes once restored
@@ -60,8 +56,7 @@ void copy_database(sqlite3* from, sqlite3* to) {
   sqlite3_backup* b = sqlite3_backup_init(to, "main", from, "main");
   fuzz_require(b != nullptr, "backup init");
   int rc = sqlite3_backup_step(b, -1);
-  fuzz_require(sqlite3_backup_finish(b) == SQLITE_OK && rc == SQLITE_DONE,
-               "copying the database");
+  fuzz_require(sqlite3_backup_finish(b) == 0 && rc == SQLITE_DONE, "a copy");
 }
 
 void skip(kfs_reader* r, uint32_t n) {
@@ -69,33 +64,32 @@ void skip(kfs_reader* r, uint32_t n) {
   kfs_get_bytes(r, sink, n);
 }
 
-// What the successful reply to in must hold, where a handler could get it
-// wrong: fields that match their counts, handles and listings it names
-// held, a WOPEN whose blocks cover the file.
+// What a successful reply of some types must hold, where a handler could
+// get it wrong: its fields as counted and nothing behind them, the handles
+// and listings it names held, a WOPEN's blocks covering exactly the file
+// (the last one not empty).
 void check_reply() {
   kfs_reader req;
   kfs_reader rep;
   kfs_reader_begin(&in, &req);
   kfs_reader_begin(&out, &rep);
-  uint8_t handle = 0;
+  bool ok = true;
+  const char* rule = "";
   switch (in.type) {
     case KFS_FILE_WOPEN: {
       skip(&req, 5);  // flags, mtime
       skip(&req, kfs_get_u16(&req));
       uint64_t size = kfs_get_u64(&req);
-      handle = kfs_get_u8(&rep);
+      auto h = conn->handles.find(kfs_get_u8(&rep));
       uint64_t count = kfs_get_u16(&rep);
       uint64_t block_size = kfs_get_u32(&rep);
       uint16_t comparable = kfs_get_u16(&rep);
-      fuzz_require(kfsd_body_done(&rep) && conn->handles.count(handle) == 1 &&
-                       conn->handles[handle]->block_count == count &&
-                       block_size > 0 && comparable <= count,
-                   "WOPEN names its handle and the handle's blocks");
-      // The last block is not empty.
-      fuzz_require(count == 0 ? size == 0
-                              : (count - 1) * block_size < size &&
-                                    size <= count * block_size,
-                   "WOPEN blocks cover exactly the file");
+      ok = h != conn->handles.end() && h->second->block_count == count &&
+           block_size > 0 && comparable <= count &&
+           (count == 0 ? size == 0
+                       : (count - 1) * block_size < size &&
+                             size <= count * block_size);
+      rule = "WOPEN: its handle's blocks cover exactly the file";
       break;
     }
     case KFS_FIND_FILES: {
@@ -103,38 +97,20 @@ void check_reply() {
       bool wide = (kfs_get_u8(&req) & KFS_FIND_LONG_NAMES) != 0;
       uint16_t count = kfs_get_u16(&rep);
       uint32_t remaining = kfs_get_u32(&rep);
-      handle = kfs_get_u8(&rep);
+      uint8_t listing = kfs_get_u8(&rep);
       for (uint16_t i = 0; i < count && kfs_reader_ok(&rep); ++i) {
         skip(&rep, 21);  // kind, attributes, mtime, size
         skip(&rep, wide ? kfs_get_u16(&rep) : kfs_get_u8(&rep));
       }
-      fuzz_require(kfsd_body_done(&rep), "FIND reply: count entries, no more");
-      fuzz_require((handle != 0) == (remaining != 0) &&
-                       (handle == 0 || conn->listings.count(handle) == 1),
-                   "FIND continues, on a held listing, while entries remain");
+      ok = (listing != 0) == (remaining != 0) &&
+           (listing == 0 || conn->listings.count(listing) == 1);
+      rule = "FIND: count entries, continued on a listing while some remain";
       break;
     }
-    case KFS_FILE_READ: {
-      skip(&req, 1);
-      uint16_t max = kfs_get_u16(&req);
-      skip(&rep, 1);
-      uint16_t n = kfs_get_u16(&rep);
-      skip(&rep, n);
-      fuzz_require(kfsd_body_done(&rep) && n <= max,
-                   "READ sends n bytes, at most what was asked for");
-      break;
-    }
-    case KFS_FILE_ROPEN:
-      handle = kfs_get_u8(&rep);
-      skip(&rep, 14);  // mtime, block count, size
-      skip(&rep, kfs_get_u16(&rep));
-      fuzz_require(kfsd_body_done(&rep) && conn->handles.count(handle) == 1,
-                   "ROPEN names an open handle");
-      break;
-    case KFS_SESSION_AUTH:
-      fuzz_require(conn->authenticated, "a login that succeeds logs in");
-      break;
+    default:
+      return;
   }
+  fuzz_require(ok && kfsd_body_done(&rep), rule);
 }
 
 // Runs one request of that type with that body (cut to the largest body;
@@ -144,7 +120,6 @@ int run(uint8_t type, const uint8_t* body, size_t n) {
   in.type = type;
   in.data_length = static_cast<uint16_t>(std::min<size_t>(n, KFS_MAX_BODY));
   memmove(in.buffer, body, in.data_length);
-  status = 0;
   if (type >= KFS_RESPONSE) {
     return KFSD_DROP;  // a response sent as a request ends the connection
   }
@@ -154,25 +129,23 @@ int run(uint8_t type, const uint8_t* body, size_t n) {
   int action = kfsd_dispatch(&req, &in);
   status = req.status;
   out.data_length = static_cast<uint16_t>(req.out.length);
-  static const bool trace = getenv("KOVRA_FUZZ_TRACE") != nullptr;
-  if (trace) {
+  if (getenv("KOVRA_FUZZ_TRACE") != nullptr) {
     fprintf(stderr, "kfsd %s %s -> %s, action %d, %u reply bytes\n",
             kfs_type_name(type), req.note.c_str(), kfs_err_name(req.status),
             action, req.out.length);
   }
   // Only closes and unacknowledged writes go unanswered.
-  bool silent_ok = type == KFS_FILE_CLOSE ||
-                   (type == KFS_FILE_WRITE && in.data_length >= 2 &&
-                    (in.buffer[1] & KFS_WRITE_NO_ACK) != 0);
+  bool may_be_silent = type == KFS_FILE_CLOSE ||
+                       (type == KFS_FILE_WRITE && in.data_length >= 2 &&
+                        (in.buffer[1] & KFS_WRITE_NO_ACK) != 0);
   fuzz_require(action == KFSD_REPLY || action == KFSD_DROP ||
-                   (action == KFSD_SILENT && silent_ok),
-               "an action, silent only where allowed");
-  fuzz_require(kfs_body_ok(&req.out) && req.status <= 0xFF,
-               "the reply fits a packet, the status its byte");
-  fuzz_require(conn->handles.size() <= KFSD_MAX_HANDLES &&
+                   (action == KFSD_SILENT && may_be_silent),
+               "an action; silent only where allowed");
+  fuzz_require(kfs_body_ok(&req.out) && req.status <= 0xFF &&
+                   conn->handles.size() <= KFSD_MAX_HANDLES &&
                    conn->listings.size() <= KFSD_MAX_LISTINGS,
-               "handle and listing limits");
-  if (action == KFSD_REPLY && req.status == 0) {
+               "the reply fits a packet, the status a byte; handle limits");
+  if (action == KFSD_REPLY && status == 0) {
     check_reply();
   }
   return action;
@@ -226,10 +199,71 @@ void free_handles() {
   conn->handles.clear();
 }
 
-// Uploads the store's files through the handlers, then pins the complete
-// file's streams for good: an input may replace the file, and the restored
-// database names them again.
-void upload_baseline() {
+// The connection an input starts on: handles 1 and 3 on the pending
+// upload, 3 inside block 0; handle 2 reading the complete file; listing 1
+// with 300 entries, none sent yet.
+void begin() {
+  connect();
+  for (uint8_t number : {1, 3}) {
+    conn->handles[number].reset(new kfsd_handle{.writing = true,
+                                                .version = upload_version,
+                                                .block_count = kUploadBlocks,
+                                                .block_size = kBlockSize});
+  }
+  write(3, KFS_WRITE_BEGIN_BLOCK, "");
+  kfsd_ropen_result read;
+  fuzz_require(kfsd_store_ropen(&store, file, &read) == 0, "the complete file");
+  conn->handles[2].reset(new kfsd_handle{.blocks = read.blocks});
+  conn->listings[1] = listing;
+}
+
+// Ends the input as a closed connection ends, checks that no stream is
+// still pinned by it and no partial stream is left in tmp/, then restores
+// the store if anything changed.
+void end() {
+  free_handles();
+  // A closed connection leaves no stream pinned, no partial message.
+  fuzz_require(store.pinned == pins && store.pinned_packs == pack_pins, "pins");
+  std::error_code error;
+  fuzz_require(std::filesystem::is_empty(store.dir + "/tmp", error), "tmp/");
+  if (sqlite3_total_changes(store.db) != changes_mark) {
+    copy_database(pristine, store.db);
+    store.pack_fd.reset();  // its pack goes with the sweep
+    kfsd_store_sweep(&store);
+    changes_mark = sqlite3_total_changes(store.db);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  std::string dir = fuzz_scratch_dir() + "/kfs";
+  std::string error;
+  fuzz_require(kfsd_datadir_init(dir, &error) == 0, "kfsd init");
+  fuzz_require(kfsd_store_open(dir, &store, &error) == 0, "a store");
+  server.settings.dir = dir;
+  server.settings.block_size = kBlockSize;
+  server.settings.sync = false;  // nothing here outlives the process
+  // Not started: every write job runs in its request, as the checks need to
+  // see its effect at once.
+  server.writer = std::make_unique<kfsd_writer>(&server);
+  // The auth seeds log in as user 7, "fuzz", with this key.
+  kfsd_user user{.id = FUZZ_USER_ID, .quota = 1u << 30};
+  user.name = user.account = "fuzz";
+  uint8_t key[32];
+  hex_decode("00112233445566778899aabbccddeeff", 16, key);
+  memcpy(key + 16, key, 16);
+  EVP_Digest(key, 32, user.key_sha1, nullptr, EVP_sha1(), nullptr);
+  fuzz_require(kfsd_store_add_user(&store, user) == 0, "a user");
+  // A file where the outbox folder was: every e-mail is parsed and written
+  // to tmp/, then its move fails (ERR_IO). Otherwise one request of a few
+  // kilobytes could leave thousands of files per input.
+  std::string outbox = dir + "/" + KFSD_OUTBOX_DIR;
+  fuzz_require(rmdir(outbox.c_str()) == 0, "removing the outbox");
+  fuzz_write_file(outbox, nullptr, 0);
+  // The store's files, uploaded through the handlers; the complete file's
+  // streams are then pinned for good: an input may replace the file, and
+  // the restored database names them again.
   connect();
   for (const char* dir : {"/7/dir", "/7/dir/sub"}) {
     must(KFS_MKDIR, [&](kfs_body* b) {
@@ -250,109 +284,25 @@ void upload_baseline() {
   // Opened, never written, its handle dropped as a cut connection drops it.
   upload_version = conn->handles[wopen("/7/dir/up", 200)]->version;
   free_handles();
-  kfsd_path path;
-  fuzz_require(kfsd_path_parse("/7/dir/file", FUZZ_USER_ID, &path) == 0 &&
-                   kfsd_store_ropen(&store, path, &file) == 0 &&
-                   file.blocks.size() == 2,
+  kfsd_ropen_result pinned;
+  fuzz_require(kfsd_path_parse("/7/dir/file", FUZZ_USER_ID, &file) == 0 &&
+                   kfsd_store_ropen(&store, file, &pinned) == 0 &&
+                   pinned.blocks.size() == 2,
                "the complete file");
   // Inputs append to packs of their own, which the restore after each one
   // removes; the set-up's pack is never written again.
   store.pack_fd.reset();
-}
-
-void begin() {
-  connect();
-  for (uint8_t number : {kWriteHandle, kInBlockHandle}) {
-    conn->handles[number].reset(new kfsd_handle{.writing = true,
-                                                .version = upload_version,
-                                                .block_count = kUploadBlocks,
-                                                .block_size = kBlockSize});
-  }
-  write(kInBlockHandle, KFS_WRITE_BEGIN_BLOCK, "");
-  auto* read = new kfsd_handle{.blocks = file.blocks};
-  conn->handles[kReadHandle].reset(read);
-  {
-    std::lock_guard<std::mutex> hold(store.mutex);
-    for (const kfsd_stream_loc& loc : file.blocks) {
-      ++store.pinned[loc.hex];  // as kfsd_store_ropen pins them
-    }
-  }
-  conn->listings[kListing] = listing;
-}
-
-// Ends the input as a closed connection ends, checks that no stream is
-// still pinned by it and no partial stream is left in tmp/, then restores
-// the store if anything changed.
-void end() {
-  free_handles();
-  {
-    std::lock_guard<std::mutex> hold(store.mutex);
-    size_t held = 0;
-    for (const auto& [stream, count] : store.pinned) {
-      held += static_cast<size_t>(count);
-    }
-    fuzz_require(held == file.blocks.size(),  // the set-up's own
-                 "a closed connection pins no stream");
-  }
-  std::error_code error;
-  fuzz_require(std::filesystem::is_empty(store.dir + "/" + KFSD_TMP_DIR, error),
-               "a closed connection leaves no partial message");
-  if (sqlite3_total_changes(store.db) != changes_mark) {
-    copy_database(pristine, store.db);
-    store.pack_fd.reset();  // its pack goes with the sweep
-    kfsd_store_sweep(&store);
-    changes_mark = sqlite3_total_changes(store.db);
-  }
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  std::string dir = fuzz_scratch_dir() + "/kfs";
-  std::string error;
-  fuzz_require(kfsd_datadir_init(dir, &error) == 0 &&
-                   kfsd_store_open(dir, &store, &error) == 0,
-               "a store");
-  server.settings.dir = dir;
-  server.settings.block_size = kBlockSize;
-  server.settings.sync = false;  // nothing here outlives the process
-  // Not started: every write job runs in its request, as the checks need to
-  // see its effect at once.
-  server.writer = std::make_unique<kfsd_writer>(&server);
-  // The auth seeds log in as user 7 with the key 00 11 22 .. ff twice; user
-  // 8's starts 01 instead.
-  for (uint32_t id : {FUZZ_USER_ID, FUZZ_USER_ID + 1}) {
-    kfsd_user user{.id = id, .quota = 1u << 30};
-    user.name = user.account = id == FUZZ_USER_ID ? "fuzz" : "other";
-    uint8_t key[32];
-    for (int i = 0; i < 32; ++i) {
-      key[i] = static_cast<uint8_t>(i % 16 * 0x11);
-    }
-    key[0] ^= id - FUZZ_USER_ID;
-    fuzz_require(
-        EVP_Digest(key, 32, user.key_sha1, nullptr, EVP_sha1(), nullptr) == 1 &&
-            kfsd_store_add_user(&store, user) == 0,
-        "a user");
-  }
-  // A file where the outbox folder was: every e-mail is parsed and written
-  // to tmp/, then its move fails (ERR_IO). Otherwise one request of a few
-  // kilobytes could leave thousands of files per input.
-  std::string outbox = dir + "/" + KFSD_OUTBOX_DIR;
-  fuzz_require(rmdir(outbox.c_str()) == 0, "removing the outbox");
-  fuzz_write_file(outbox, nullptr, 0);
-  upload_baseline();
   for (uint32_t i = 0; i < 300; ++i) {
     bool folder = i % 3 == 0;
     listing.entries.push_back(
-        {.kind = folder,
-         .attr = folder ? KFSD_ATTR_DIRECTORY : (i % 2 ? 0 : 0x20),
-         .mtime = kMtime + i,
-         .size = folder ? 0 : i * 1000,
-         .name = std::to_string(1000 + i) + std::string(206, 'x')});
+        {folder, folder ? KFSD_ATTR_DIRECTORY : (i % 2 ? 0 : 0x20), kMtime + i,
+         folder ? 0 : i * 1000u,
+         std::to_string(1000 + i) + std::string(206, 'x')});
   }
-  fuzz_require(sqlite3_open(":memory:", &pristine) == SQLITE_OK,
-               "an in-memory database");
+  fuzz_require(sqlite3_open(":memory:", &pristine) == 0, "a pristine copy");
   copy_database(store.db, pristine);
+  pins = store.pinned;
+  pack_pins = store.pinned_packs;
   changes_mark = sqlite3_total_changes(store.db);
   return 0;
 }

@@ -2,10 +2,7 @@
 // header lines stay single lines of printable ASCII, every line ends in CRLF
 // and is within what SMTP allows (the body's within quoted-printable's 76),
 // whatever the agent's text, subject, recipient or job name held.
-#include <stddef.h>
-#include <stdint.h>
 
-#include <string>
 #include <string_view>
 
 #include "fuzz/fuzz_support.h"

@@ -4,8 +4,6 @@
 // packets are read from the other end until one fails with nothing left to
 // read. Every other packet goes through the raw variant. A packet that
 // parses must describe itself consistently.
-#include <stddef.h>
-#include <stdint.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -15,36 +13,29 @@
 
 namespace {
 
-// What one write into a fresh socket pair surely holds without blocking.
-constexpr size_t kMaxInput = 128 * 1024;
+kfs_message message;
+uint8_t raw[KFS_CIPHER_TEXT_SIZE + 16];
 
-void receive_all(kfs_packet_cipher* cipher, kfs_message* message,
-                 const uint8_t* data, size_t size) {
+void receive_all(kfs_packet_cipher* cipher, const uint8_t* data, size_t size) {
   int pair[2];
   fuzz_require(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0, "socketpair");
   unique_fd reader(pair[0]);
   unique_fd writer(pair[1]);
-  int buffer = 4 * 1024 * 1024;
-  if (setsockopt(writer.get(), SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer) !=
-      0) {
-    // The default buffer holds kMaxInput as well.
-  }
+  // A fresh pair's buffer holds the largest input (128 KiB) at once.
   ssize_t put = size > 0 ? send(writer.get(), data, size, MSG_DONTWAIT) : 0;
   fuzz_require(put == static_cast<ssize_t>(size), "the input fits the pair");
   shutdown(writer.get(), SHUT_WR);
-
-  static uint8_t raw[KFS_CIPHER_TEXT_SIZE + 16];
   for (int n = 0;; ++n) {
     uint32_t raw_length = 0;
     uint32_t rc = n % 2 == 0
-                      ? kfs_packet_recv(reader.get(), cipher, message)
-                      : kfs_packet_recv_raw(reader.get(), cipher, message, raw,
+                      ? kfs_packet_recv(reader.get(), cipher, &message)
+                      : kfs_packet_recv_raw(reader.get(), cipher, &message, raw,
                                             sizeof raw, &raw_length);
     if (rc == 0) {
-      fuzz_require(message->data_length <= KFS_MAX_BODY, "body fits a record");
-      fuzz_require(n % 2 == 0 || (raw_length > KFS_HEADER_SIZE &&
-                                  raw_length <= KFS_HEADER_SIZE + 65536),
-                   "raw length is the whole packet");
+      fuzz_require(message.data_length <= KFS_MAX_BODY &&
+                       (n % 2 == 0 || (raw_length > KFS_HEADER_SIZE &&
+                                       raw_length <= KFS_HEADER_SIZE + 65536)),
+                   "the body fits a record, the raw length is the packet's");
       continue;
     }
     fuzz_require(rc == ERR_SCKREAD, "a failed receive is ERR_SCKREAD");
@@ -56,7 +47,6 @@ void receive_all(kfs_packet_cipher* cipher, kfs_message* message,
 }
 
 kfs_packet_cipher* cipher(int mode) {
-  // The key the aes-* seeds are encrypted with.
   static const char key[] =
       "KFS-fuzz\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d"
       "\x0e\x0f\x10\x11\x12\x13\x14\x15\x16\x17";
@@ -69,12 +59,9 @@ kfs_packet_cipher* cipher(int mode) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static kfs_packet_cipher* plain = cipher(1);
   static kfs_packet_cipher* aes = cipher(KFS_MODE_AES);
-  static malloc_ptr<kfs_message> message(
-      static_cast<kfs_message*>(calloc(1, sizeof(kfs_message))));
-  if (size > kMaxInput) {
-    return 0;
+  if (size <= 128 * 1024) {
+    receive_all(plain, data, size);
+    receive_all(aes, data, size);
   }
-  receive_all(plain, message.get(), data, size);
-  receive_all(aes, message.get(), data, size);
   return 0;
 }

@@ -3,11 +3,6 @@
 // filled with the figures of a run whose texts and times vary with the
 // input's last byte. The error list is long enough that a few #ERROR_LIST#
 // tokens overflow the message, so the abandoning path is reached too.
-#include <stddef.h>
-#include <stdint.h>
-#include <string.h>
-
-#include <string>
 
 #include "agent/report.h"
 #include "agent/report_internal.h"
