@@ -13,11 +13,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz_write_file(path, data, size);
   uint8_t agent_key[ACCOUNT_KEY_SIZE] = {};
   int agent = account_key_read(path.c_str(), agent_key);
-  fuzz_require(agent == 0 || agent == -2, "a readable file gives 0 or -2");
   uint8_t server_key[32] = {};
   std::string error;
   int server = kfsd_key_file_read(path, server_key, &error);
-  fuzz_require(server == 0 || !error.empty(), "kfsd says why it refused");
 
   size_t line = 0;
   size_t longest = 0;

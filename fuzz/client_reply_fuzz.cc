@@ -17,7 +17,6 @@
 #include "fuzz/fuzz_support.h"
 #include "kfs/client/kfs.h"
 #include "kfs/client/kfs_internal.h"
-#include "lib/scoped.h"
 #include "lib/str_list.h"
 #include "tests/support/scripted_server.h"
 
@@ -26,11 +25,6 @@ namespace {
 constexpr char kFile[] = "/7/Today/box/srv/photos/a.jpg";
 const uint32_t kUser = FUZZ_USER_ID;
 const kfs_mgnt_item kMgnt = {MGNT_U_EMAIL, "me@example.org"};
-str_list* const kOptions = [] {
-  str_list* options = str_list_new(1, 1, nullptr);
-  str_list_insert(options, "opt=1", 5, 0);
-  return options;
-}();
 uint8_t reply[1024];  // copied replies, read pieces
 uint32_t reply_len = 0;
 uint64_t values[3];
@@ -93,32 +87,16 @@ const request_fn kRequests[] = {
     [](kfs_session* s) { stat(s, 0); },
     [](kfs_session* s) { stat(s, 1); },
     [](kfs_session* s) { kfs_copy(s, 0, "/7/a", "/7/b", values); },
-    [](kfs_session* s) { kfs_setopt(s, kOptions, reply, 64, &reply_len); },
+    [](kfs_session* s) {
+      str_list* options = str_list_new(1, 1, nullptr);
+      str_list_insert(options, "opt=1", 5, 0);
+      kfs_setopt(s, options, reply, 64, &reply_len);
+      str_list_free(options);
+    },
     [](kfs_session* s) { kfs_mgnt(s, &kMgnt, 1, reply, 64, &reply_len); },
     lock,
 };
 constexpr uint8_t kPicks = sizeof kRequests / sizeof kRequests[0];
-
-// A login reply decoded as the session's login takes it.
-void decode_login(kfs_session* s, uint8_t mode, const std::string& body) {
-  s->auth_mode = mode;
-  s->message.data_length = static_cast<uint16_t>(body.size());
-  memcpy(s->message.buffer, body.data(), body.size());
-  char name_before[sizeof s->user_name];
-  memcpy(name_before, s->user_name, sizeof name_before);
-  bool redirect = false;
-  if (kfs_take_login_reply(s, &redirect)) {
-    fuzz_require(
-        strnlen(s->user_name, sizeof s->user_name) < sizeof s->user_name,
-        "user name terminated");
-    const kfs_server_table* t = kfs_servers();
-    fuzz_require(t->last_count >= 0 && t->last_count <= KFS_MAX_LAST_SERVERS,
-                 "named servers within the table");
-  } else {
-    fuzz_require(memcmp(name_before, s->user_name, sizeof name_before) == 0,
-                 "a refused reply leaves the user name");
-  }
-}
 
 // The script for the steps: step k answers request k + 1, the first login
 // being request 0, so a step after a re-connection lands on its login. The
@@ -158,31 +136,27 @@ std::vector<script_step> script_of(const uint8_t* data, size_t size,
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string hosts = fuzz_scratch_dir() + "/hosts";
-  static const std::string pem = fuzz_scratch_dir() + "/temp_pem_file.pem";
-  static malloc_ptr<kfs_session> session(
-      static_cast<kfs_session*>(calloc(1, sizeof(kfs_session))));
-  static bool library = kfs_library_init() == 0;
+  static const bool library = kfs_library_init() == 0;
+  static kfs_session& s =
+      *static_cast<kfs_session*>(calloc(1, sizeof(kfs_session)));
   fuzz_require(library, "client library");
   std::vector<uint8_t> picks;
   std::vector<script_step> script = script_of(data, size, &picks);
   if (picks.empty()) {
     return 0;
   }
-
-  kfs_session* s = session.get();
-  kfs_session_init(s);
-  snprintf(s->server_list_path, sizeof s->server_list_path, "%s",
-           hosts.c_str());
-  snprintf(s->pem_path, sizeof s->pem_path, "%s", pem.c_str());
-  s->last_servers_path[0] = '\0';  // a login reply must write no file
-  s->auth_mode = AUTH_MODE_AGENT;
-  s->encryption_mode = KFS_MODE_AES;
-  s->user_id = FUZZ_USER_ID;
-  snprintf(s->user_name, sizeof s->user_name, "%s", "fuzz");
-
-  if (picks[0] < 2) {
-    decode_login(s, picks[0] == 0 ? AUTH_MODE_AGENT : AUTH_MODE_USER,
-                 script[0].body);
+  kfs_session_init(&s);  // no last servers path: a login writes no file
+  snprintf(s.server_list_path, sizeof s.server_list_path, "%s", hosts.c_str());
+  snprintf(s.pem_path, sizeof s.pem_path, "%s.pem", hosts.c_str());
+  s.auth_mode = picks[0] == 1 ? AUTH_MODE_USER : AUTH_MODE_AGENT;
+  s.encryption_mode = KFS_MODE_AES;
+  s.user_id = FUZZ_USER_ID;
+  snprintf(s.user_name, sizeof s.user_name, "%s", "fuzz");
+  if (picks[0] < 2) {  // a login reply, decoded from the session's record
+    s.message.data_length = static_cast<uint16_t>(script[0].body.size());
+    memcpy(s.message.buffer, script[0].body.data(), script[0].body.size());
+    bool redirect = false;
+    kfs_take_login_reply(&s, &redirect);
     return 0;
   }
   scripted_server server;
@@ -191,9 +165,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz_write_file(hosts, reinterpret_cast<const uint8_t*>(line.data()),
                   line.size());
   for (uint8_t pick : picks) {
-    kRequests[pick](s);
+    kRequests[pick](&s);
   }
-  kfs_session_disconnect(s);
+  kfs_session_disconnect(&s);
   server.stop();
   fuzz_require(server.malformed().empty(), "every request well formed");
   return 0;

@@ -16,14 +16,10 @@ namespace {
 
 void look_up(fci_context* ctx, const char* path, uint32_t mtime,
              uint32_t size_low, uint32_t size_high) {
-  int found = -1;
-  uint32_t before = ctx->hits + ctx->misses;
-  int rc = fci_lookup(ctx, path, mtime, size_low, size_high, &found);
-  fuzz_require(
-      (rc == 0 || (rc == -1 && (ctx->flags & FCI_FLAG_INVALID) != 0)) &&
-          (found == 0 || found == 1),
-      "a lookup answers, or fails leaving the index invalid");
-  fuzz_require(ctx->hits + ctx->misses == before + 1, "one count a lookup");
+  int found = 0;
+  fuzz_require(fci_lookup(ctx, path, mtime, size_low, size_high, &found) == 0 ||
+                   (ctx->flags & FCI_FLAG_INVALID) != 0,
+               "a failed lookup leaves the index invalid");
 }
 
 }  // namespace

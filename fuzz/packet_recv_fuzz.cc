@@ -1,5 +1,5 @@
 // kfs_packet_recv on any bytes, in the clear (mode 1) and under AES (mode 3,
-// the fixed key below, which the aes-* seeds are encrypted with): the input
+// a fixed key): the input
 // goes into one end of a socket pair, whose write side is then shut, and
 // packets are read from the other end until one fails with nothing left to
 // read. Every other packet goes through the raw variant. A packet that
@@ -14,6 +14,10 @@
 namespace {
 
 kfs_message message;
+// The key the aes-* seeds are encrypted with.
+const uint8_t* const kKey = reinterpret_cast<const uint8_t*>(
+    "KFS-fuzz\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e"
+    "\x0f\x10\x11\x12\x13\x14\x15\x16\x17");
 uint8_t raw[KFS_CIPHER_TEXT_SIZE + 16];
 
 void receive_all(kfs_packet_cipher* cipher, const uint8_t* data, size_t size) {
@@ -46,19 +50,11 @@ void receive_all(kfs_packet_cipher* cipher, const uint8_t* data, size_t size) {
   }
 }
 
-kfs_packet_cipher* cipher(int mode) {
-  static const char key[] =
-      "KFS-fuzz\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d"
-      "\x0e\x0f\x10\x11\x12\x13\x14\x15\x16\x17";
-  static_assert(sizeof key == KFS_KEY_SIZE + 1);
-  return kfs_cipher_new(mode, reinterpret_cast<const uint8_t*>(key), 0);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static kfs_packet_cipher* plain = cipher(1);
-  static kfs_packet_cipher* aes = cipher(KFS_MODE_AES);
+  static kfs_packet_cipher* plain = kfs_cipher_new(1, kKey, 0);
+  static kfs_packet_cipher* aes = kfs_cipher_new(KFS_MODE_AES, kKey, 0);
   if (size <= 128 * 1024) {
     receive_all(plain, data, size);
     receive_all(aes, data, size);
