@@ -10,8 +10,6 @@
 // the RSA key exchange would fuzz OpenSSL, not us).
 //
 // Nothing waits: the sleep hook returns at once.
-#include <stdlib.h>
-
 #include <vector>
 
 #include "fuzz/fuzz_support.h"
@@ -40,17 +38,15 @@ void stat(kfs_session* s, uint8_t flags) {
   fuzz_require(strlen(a.name) < sizeof a.name, "stat name terminated");
 }
 
-void find(kfs_session* s, bool wide) {
-  kfs_find_args a = {.flags = static_cast<uint8_t>(wide ? 0x21 : 0x20),
-                     .directory = "/7/Today/box",
-                     .pattern = ""};
+void find(kfs_session* s, uint8_t flags) {
+  kfs_find_args a = {.flags = flags, .directory = "/7/Today", .pattern = ""};
   // A listing keeps one entry a count, and none when it failed; a name is
   // within its length field, and terminated.
   bool ok = kfs_find_files(s, &a) == 0;
   fuzz_require(ok ? str_list_count(a.entries) == a.count : !a.entries, "FIND");
   for (int32_t i = 0; ok && i < a.count; ++i) {
     auto* e = reinterpret_cast<kfs_find_entry*>(str_list_get(a.entries, i));
-    fuzz_require(e->name_len <= (wide ? 0xFFFFu : 0xFFu), "name length");
+    fuzz_require(e->name_len <= (flags & 1 ? 0xFFFFu : 0xFFu), "name length");
     fuzz_require(strlen(e->name) <= e->name_len, "name terminated");
   }
   kfs_find_release(&a);
@@ -64,8 +60,8 @@ using request_fn = void (*)(kfs_session* s);
 const request_fn kRequests[] = {
     lock,
     lock,
-    [](kfs_session* s) { find(s, false); },
-    [](kfs_session* s) { find(s, true); },
+    [](kfs_session* s) { find(s, 0x20); },
+    [](kfs_session* s) { find(s, 0x20 | KFS_FIND_LONG_NAMES); },
     [](kfs_session* s) {
       kfs_wopen_args a = {
           .flags = 1, .value_a = 1700000000, .path = kFile, .value_c = 4096};
@@ -113,13 +109,13 @@ std::vector<script_step> script_of(const uint8_t* data, size_t size,
   for (size_t at = 0; size - at >= 4 && picks->size() < 8;) {
     uint8_t fault = data[at + 1];
     size_t n = std::min<size_t>(get_be16(data + at + 2), size - at - 4);
-    const uint8_t* body = data + at + 4;
     int request = static_cast<int>(picks->size()) + 1;
     picks->push_back(data[at] % kPicks);
-    at += 4 + n;
+    const uint8_t* body = data + at + 4;
     script.push_back(
         {f::reply_body, request, 0,
          std::string(body, body + std::min<size_t>(n, KFS_MAX_BODY))});
+    at += 4 + n;
     script_fault kind = kFaults[fault % 10];
     uint32_t value = kind == f::reply_type   ? fault
                      : kind == f::key_padded ? 512u
@@ -137,8 +133,7 @@ std::vector<script_step> script_of(const uint8_t* data, size_t size,
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string hosts = fuzz_scratch_dir() + "/hosts";
   static const bool library = kfs_library_init() == 0;
-  static kfs_session& s =
-      *static_cast<kfs_session*>(calloc(1, sizeof(kfs_session)));
+  static kfs_session s;
   fuzz_require(library, "client library");
   std::vector<uint8_t> picks;
   std::vector<script_step> script = script_of(data, size, &picks);

@@ -14,11 +14,12 @@
 
 namespace {
 
-void look_up(fci_context* ctx, const char* path, uint32_t mtime,
-             uint32_t size_low, uint32_t size_high) {
+fci_context ctx;
+
+void look_up(const char* path, uint32_t mtime, uint32_t low, uint32_t high) {
   int found = 0;
-  fuzz_require(fci_lookup(ctx, path, mtime, size_low, size_high, &found) == 0 ||
-                   (ctx->flags & FCI_FLAG_INVALID) != 0,
+  fuzz_require(fci_lookup(&ctx, path, mtime, low, high, &found) == 0 ||
+                   (ctx.flags & FCI_FLAG_INVALID) != 0,
                "a failed lookup leaves the index invalid");
 }
 
@@ -27,7 +28,6 @@ void look_up(fci_context* ctx, const char* path, uint32_t mtime,
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool ready =
       chdir(fuzz_scratch_dir().c_str()) == 0 && mkdir("etc", 0700) == 0;
-  static fci_context ctx;
   fuzz_require(ready, "etc/ in the scratch folder");
   if (size < 4) {
     return 0;
@@ -38,19 +38,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz_require(rc == 0 ? ctx.commit_time == stamp && ctx.page_count > 0 &&
                              ctx.page_count - ctx.whole_leads <= 1
                        : (ctx.flags & FCI_FLAG_INVALID) != 0,
-               "opened with the stamp and every page's lead record, or "
-               "failed leaving the index invalid");
+               "open: the stamp and each page's lead record, or invalid");
   fuzz_require(strlen(ctx.error_text) < sizeof ctx.error_text, "error text");
   for (uint32_t i = 0; i < 300; i += 5) {
     char path[64];
     snprintf(path, sizeof path, "/srv/photos/%03u.jpg", i);
-    look_up(&ctx, path, 1700000000u + i, i * 4099u, 0);
+    look_up(path, 1700000000u + i, i * 4099u, 0);
   }
   // Paths and attributes from the input: pieces of its record area.
   for (size_t at = 12; at + 12 <= size; at += 97) {
     const char* text = reinterpret_cast<const char*>(data + at);
     std::string path(text, strnlen(text, std::min<size_t>(size - at, 40)));
-    look_up(&ctx, path.c_str(), fci_get_u32le(data + at),
+    look_up(path.c_str(), fci_get_u32le(data + at),
             fci_get_u32le(data + at + 4), fci_get_u32le(data + at + 8));
   }
   fci_close(&ctx, 0);
