@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "fuzz/fuzz_support.h"
-#include "kfs/client/kfs.h"
 #include "kfs/client/kfs_internal.h"
 #include "lib/str_list.h"
 #include "tests/support/scripted_server.h"
@@ -151,7 +150,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     s.message.data_length = static_cast<uint16_t>(script[0].body.size());
     memcpy(s.message.buffer, script[0].body.data(), script[0].body.size());
     bool redirect = false;
-    kfs_take_login_reply(&s, &redirect);
+    if (kfs_take_login_reply(&s, &redirect)) {
+      fuzz_require(
+          strnlen(s.user_name, sizeof s.user_name) < sizeof s.user_name,
+          "user name terminated");
+    }
     return 0;
   }
   scripted_server server;

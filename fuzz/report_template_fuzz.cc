@@ -51,7 +51,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   report_template_load(base.c_str(), flags, tmpl);
   fuzz_require(strlen(tmpl) < REPORT_TEMPLATE_SIZE, "template terminated");
   fuzz_require(strchr(tmpl, '\r') == nullptr, "carriage returns removed");
-  remove(name.c_str());
 
   int run = size > 0 ? data[size - 1] % 4 : 0;
   memset(&r, 0, sizeof r);
