@@ -162,20 +162,6 @@ TEST_F(FilterChainTest, RoundTripsAtEveryPullSize) {
   }
 }
 
-TEST_F(FilterChainTest, EqualBlocksGiveEqualBytes) {
-  std::string block = some_text(10000);
-  write_file("f", block + block + random_bytes(10000));
-  unique_fd fd(open("f", O_RDONLY));
-  std::string digest(16, '\0');
-  std::vector<std::string> outs;
-  for (int64_t offset : {0, 10000, 20000}) {
-    chain_ptr chain = open_chain(fd.get(), offset, 10000, nullptr, &digest);
-    outs.push_back(pull(chain.get(), {CHUNK}).out);
-  }
-  EXPECT_EQ(outs[0], outs[1]);
-  EXPECT_NE(outs[0], outs[2]);
-}
-
 TEST_F(FilterChainTest, ReadErrorEndsTheDigestAtTheBytesRead) {
   std::string block = random_bytes(300 << 10);
   write_file("f", block);
@@ -253,13 +239,6 @@ TEST(FilterStages, PassUpstreamResultsThrough) {
       EXPECT_EQ(got.out, encrypt(std::string(100, 'a')));
     }
   }
-}
-
-TEST(FilterStages, RefuseNullUpstream) {
-  uint8_t digest[16];
-  EXPECT_EQ(md5_filter_open(nullptr, digest), nullptr);
-  EXPECT_EQ(deflate_filter_open(nullptr), nullptr);
-  EXPECT_EQ(aes_filter_open(nullptr, KEY), nullptr);
 }
 
 }  // namespace

@@ -8,8 +8,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <regex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -268,40 +266,6 @@ TEST_F(Report, OverflowAbandons) {
   compose("#JOB#");
   EXPECT_EQ(report_state_now(), REPORT_ABANDONED);
   EXPECT_FALSE(path_exists("report.eml"));
-}
-
-// The shipped templates: known tokens only, small enough to load, every
-// token used, and no account figures before the account is known.
-TEST_F(Report, ShippedTemplates) {
-  std::string self = __FILE__;
-  std::string dir = self.substr(0, self.rfind("tests/")) + "agent/templates/";
-  const std::set<std::string> before_login = {"JOB", "ERROR_MESSAGE",
-                                              "START_TIME", "REMOVE_ME_URL"};
-  std::set<std::string> all = {"ACCNAME",     "USERNAME",   "DSTPATH",
-                               "START_SIZE",  "STOP_TIME",  "STOP_SIZE",
-                               "DELTA_TIME",  "DELTA_SIZE", "NUM_REQUESTED",
-                               "NUM_UP2DATE", "NUM_FAILED", "NUM_TRANSFERED",
-                               "ERROR_LIST"};
-  all.insert(before_login.begin(), before_login.end());
-  std::set<std::string> used;
-  for (const char* base : {"success", "failinfo", "failnoinfo"}) {
-    for (const char* kind : {"_txt.emt", "_html.emt"}) {
-      SCOPED_TRACE(std::string(base) + kind);
-      std::string text = read_file(dir + base + kind);
-      EXPECT_GT(text.size(), 0u);
-      EXPECT_LT(text.size(), 8191u);
-      std::regex token("#([A-Z0-9_]+)#");
-      for (std::sregex_iterator it(text.begin(), text.end(), token), end;
-           it != end; ++it) {
-        std::string t = (*it)[1];
-        used.insert(t);
-        EXPECT_TRUE(all.count(t)) << t;
-        EXPECT_TRUE(strcmp(base, "failnoinfo") != 0 || before_login.count(t))
-            << t;
-      }
-    }
-  }
-  EXPECT_EQ(used, all);
 }
 
 }  // namespace

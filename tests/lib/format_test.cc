@@ -1,9 +1,6 @@
 #include "lib/format.h"
 
-#include <errno.h>
-#include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <string>
 
@@ -79,42 +76,6 @@ TEST(Format, Texts) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(c.got, c.want);
   }
-}
-
-TEST(Format, CharacterClasses) {
-  const struct {
-    const char* text;
-    int alpha, identifier, digits;
-  } cases[] = {{"", 1, 0, 1},    {"abcXYZ", 1, 1, 0}, {"a_1", 0, 1, 0},
-               {"123", 0, 1, 1}, {"a b", 0, 0, 0},    {"\xe9t\xe9", 0, 0, 0}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(str_is_alpha(c.text), c.alpha);
-    EXPECT_EQ(str_is_identifier(c.text), c.identifier);
-    EXPECT_EQ(str_is_digits(c.text), c.digits);
-  }
-}
-
-// The C library's own "%m/%d/%y" text, read just before and just after.
-std::string strftime_now() {
-  time_t now = time(nullptr);
-  struct tm local;
-  localtime_r(&now, &local);
-  char text[32];
-  strftime(text, sizeof text, "%m/%d/%y %H:%M:%S", &local);
-  return text;
-}
-
-TEST(Format, Clocks) {
-  char out[32];
-  std::string before = strftime_now();
-  ASSERT_EQ(now_text(out), out);
-  std::string after = strftime_now();
-  EXPECT_TRUE(out == before || out == after) << out;
-  EXPECT_EQ(now_text(nullptr), nullptr);
-  // Milliseconds of the same clock, not some other unit.
-  EXPECT_LE(llabs(static_cast<long long>(time_now_ms() / 1000) - time_now()),
-            1);
 }
 
 }  // namespace

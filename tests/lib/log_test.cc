@@ -1,7 +1,5 @@
 #include "lib/log.h"
 
-#include <errno.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -80,31 +78,6 @@ TEST_F(Log, FileModesThresholdAndReconfigure) {
                          "f.cc:fn(7)", "hello\n"))
         << text;
   }
-}
-
-TEST_F(Log, DefaultFileIsNamedForTheProgram) {
-  log_settings s = file_settings("", "", 0);
-  setenv("_", "/usr/bin/kovratest", 1);
-  ASSERT_EQ(log_configure(&s), 0);
-  EXPECT_TRUE(path_exists("kovratest.log"));
-  unsetenv("_");
-  ASSERT_EQ(log_configure(&s), 0);
-  EXPECT_TRUE(path_exists("kovrabackup.log"));
-}
-
-TEST_F(Log, UnopenableFileLeavesLogNotSetUp) {
-  make_dirs("d");
-  log_settings s = file_settings("d", "", 0);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(log_configure(&s), -1);
-  EXPECT_EQ(errno, EISDIR);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "error: Is a directory\n");
-  EXPECT_EQ(log_stream(), nullptr);
-  // The next entry sets the log up again, from the defaults.
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(log_entry(LOG_LEVEL_LOG, "b.cc", "g", 2), 1);
-  std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(is_entry(err, "LOG", kPid, "b.cc:g(2)")) << err;
 }
 
 }  // namespace
