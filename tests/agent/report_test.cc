@@ -158,52 +158,6 @@ TEST_F(Report, EveryTokenAndTheOddCases) {
                 utc_text(start) + "|" + delta);
 }
 
-TEST_F(Report, DestinationText) {
-  std::string long_dest = "/7/" + std::string(200, 'd');  // kept by report
-  std::string cut = "My Qarn/ann/" + std::string(131, 'd');
-  const char* cases[][2] = {
-      {"/ann/docs/2024", "My Qarn/ann/docs/2024"},
-      {"/7", "My Qarn/ann"},
-      {"7/x", "My Qarn/ann/x"},
-      {long_dest.c_str(), cut.c_str()},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c[0]);
-    report_reset();
-    start(true, 0, c[0]);
-    EXPECT_STREQ(report_destination_text(), c[1]);
-  }
-}
-
-TEST_F(Report, ErrorListForms) {
-  write_file("etc/failinfo_txt.emt", "#ERROR_LIST#");
-  write_file("etc/failinfo_html.emt", "#ERROR_LIST#");
-  struct {
-    int flags;
-    int errors;
-    const char* want;
-  } cases[] = {
-      {0, 0, " - None!\n"},
-      {0, 2, " - /f0: IO communication error\n - /f1: No such device\n"},
-      {1, 0, "<tr><td class=\"rowtitle\" align=center>None!</td></tr>\n"},
-      {1, 2,
-       "<tr><td class=\"rowtitle\">File</td><td class=\"rowtitle\">Error</td>"
-       "</tr><tr><td>/f0</td><td>IO communication error</td></tr>\n"
-       "<tr><td>/f1</td><td>No such device</td></tr>\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.want);
-    report_reset();
-    start(true, c.flags);
-    if (c.errors > 0) {
-      report_error_code("/f0", ERR_IO);
-      report_error_errno("/f1", ENODEV);
-    }
-    report_failure_code(ERR_IO);
-    EXPECT_STREQ(report_state_record()->report_text, c.want);
-  }
-}
-
 TEST_F(Report, RecipientFlags) {
   write_file("etc/success_txt.emt", "T");
   write_file("etc/success_html.emt", "H");

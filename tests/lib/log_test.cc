@@ -35,22 +35,6 @@ log_settings file_settings(const char* path, const char* tag, uint8_t flags) {
   return s;
 }
 
-TEST_F(Log, DefaultsWriteEveryNamedLevelToStderr) {
-  ASSERT_EQ(log_open(), 0);
-  const std::pair<int32_t, const char*> cases[] = {
-      {-1, "SECURITY"}, {2, "WARNING"}, {4, "CODE"}, {-2, "UNKNOWN"}};
-  for (const auto& [level, name] : cases) {
-    SCOPED_TRACE(level);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(log_entry(level, "agent", "main", 42), 1);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(is_entry(err, name, kPid, "agent:main(42)")) << err;
-  }
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(log_entry(5, "agent", "main", 42), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-}
-
 // Reconfiguring to standard error must close the file: only the close
 // flushes the header and text into it.
 TEST_F(Log, FileModesThresholdAndReconfigure) {

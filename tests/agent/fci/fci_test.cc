@@ -199,19 +199,6 @@ TEST_F(Fci, OpenChecksEveryRule) {
   }
 }
 
-TEST_F(Fci, AddReportsAnUnopenableSortFile) {
-  write_file("#FCISORT#", "not a folder");
-  fci_open(ctx(), "x", 0);
-  EXPECT_EQ(fci_add(ctx(), "a", 1, 2, 0), -1);
-  EXPECT_EQ(errno, ENOTDIR);
-  int bucket = static_cast<uint8_t>(digest_of("a", EVP_sha1())[0]);
-  EXPECT_EQ(ctx()->error_text, "FCI error: opening sort file " +
-                                   std::to_string(bucket) + ": " +
-                                   strerror(ENOTDIR));
-  EXPECT_EQ(fci_add(nullptr, "a", 1, 2, 0), -1);
-  EXPECT_EQ(errno, EINVAL);
-}
-
 // 300 records in three pages (128, 128, 44), sorted here.
 class FciPages : public Fci {
  protected:
@@ -293,20 +280,6 @@ TEST_F(FciPages, FailedPageReadInvalidatesTheIndex) {
   const entry& lead = entries_[128];
   EXPECT_EQ(find(lead.path, lead.mtime, lead.size), 0);  // now even a lead
   EXPECT_EQ(ctx()->misses, 2u);
-}
-
-TEST_F(FciPages, ScanGoesForwardOnlyAmongEqualDigests) {
-  // Record 127 ends page 0; two more with its digest open page 1.
-  std::vector<entry> entries = entries_;
-  const entry d = entries[127];
-  entries[127].record = rec(d.path, 1, 0);
-  entries.insert(entries.begin() + 128, {rec(d.path, 3, 0), d.path, 3, 0});
-  entries.insert(entries.begin() + 128, {rec(d.path, 2, 0), d.path, 2, 0});
-  write_index(entries);
-  EXPECT_EQ(find(d.path, 2, 0), 1);  // the lead of page 1
-  EXPECT_EQ(ctx()->pages_read, 0u);
-  EXPECT_EQ(find(d.path, 3, 0), 1);
-  EXPECT_EQ(find(d.path, 1, 0), 0);  // on page 0: not examined
 }
 
 TEST_F(Fci, RangeMd5DigestsUpToTheEnd) {
