@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-"""A mail relay for tests, on 127.0.0.1: saves each message it accepts as
-N.eml, and beside it N.txt with what the standard e-mail parser makes of
-it, one "key=value" a line. It can refuse recipients (550), answer the first messages with a
-temporary failure (451), require a login, and it ends by itself after --lifetime seconds."""
+# A mail relay for tests, on 127.0.0.1: saves each message it accepts as
+# N.eml, and beside it N.txt with what the standard e-mail parser makes of
+# it, one "key=value" a line. It can refuse recipients (550), answer the
+# first messages with a temporary failure (451), require a login, and it
+# ends by itself after --lifetime seconds.
 import argparse
 import asyncio
 import email
@@ -31,7 +32,6 @@ def describe(raw, envelope):
     msg = email.message_from_bytes(raw, policy=email.policy.default)
     body = msg.get_payload(decode=True) or b""
     return {
-        "mail_from": envelope.mail_from,
         "rcpt_tos": ",".join(envelope.rcpt_tos),
         "from": str(msg["From"]),
         "to": str(msg["To"]),
