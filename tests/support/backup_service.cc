@@ -57,14 +57,10 @@ started_program agent_root::start_agent() const {
 
 std::vector<std::string> agent_root::restore_argv(
     const std::vector<std::string>& args, const std::string& key_file) const {
+  std::string key = key_file.empty() ? root + "/etc/account.key" : key_file;
   std::vector<std::string> argv = {
-      "kovrarestore",
-      "--hosts",
-      root + "/etc/hosts",
-      "--key",
-      key_file.empty() ? root + "/etc/account.key" : key_file,
-      "--user",
-      std::to_string(user)};
+      "kovrarestore", "--hosts",           root + "/etc/hosts", "--key", key,
+      "--user",       std::to_string(user)};
   argv.insert(argv.end(), args.begin(), args.end());
   return argv;
 }
@@ -94,7 +90,8 @@ std::string backup_service::back_up(const std::string& src) {
 }
 
 run_result backup_service::run_agent() {
-  return run_program(AGENT_UNDER_TEST, agent_argv(), agent_options());
+  started_program agent = start_agent();
+  return finish_program(&agent);
 }
 
 run_result backup_service::restore(const std::vector<std::string>& args,

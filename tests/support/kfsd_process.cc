@@ -10,28 +10,18 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
-// The text below the header lines of an outbox message.
-std::string message_text(const std::string& dir, const std::string& name) {
-  std::string text = read_file(dir + "/outbox/" + name);
-  size_t body = text.find("\n\n");
-  return body == std::string::npos ? text : text.substr(body + 2);
+std::vector<std::string> kfsd_messages(const std::string& dir) {
+  std::vector<std::string> texts;
+  for (const std::string& name : list_dir(dir + "/outbox", ".msg")) {
+    std::string text = read_file(dir + "/outbox/" + name);
+    texts.push_back(text.substr(text.find("\n\n") + 2));  // below the header
+  }
+  return texts;
 }
-
-}  // namespace
 
 std::string kfsd_last_message(const std::string& dir) {
   std::vector<std::string> texts = kfsd_messages(dir);
   return texts.empty() ? "" : texts.back();
-}
-
-std::vector<std::string> kfsd_messages(const std::string& dir) {
-  std::vector<std::string> texts;
-  for (const std::string& name : list_dir(dir + "/outbox", ".msg")) {
-    texts.push_back(message_text(dir, name));
-  }
-  return texts;
 }
 
 size_t kfsd_message_count(const std::string& dir) {
@@ -54,23 +44,15 @@ void kfsd_add_user(const std::string& dir, uint32_t id, const std::string& name,
 void write_key_file(const std::string& path, const uint8_t key[32]) {
   std::string text = "| account key\n";
   for (int i = 0; i < 32; ++i) {
-    char digits[3];
-    snprintf(digits, sizeof digits, "%02x", key[i]);
-    text += digits;
-    if (i == 15 || i == 31) {
-      text += '\n';
-    }
+    text += {"0123456789abcdef"[key[i] >> 4], "0123456789abcdef"[key[i] & 15]};
+    text += i % 16 == 15 ? "\n" : "";
   }
   write_file(path, text);
 }
 
 std::string new_port_file(const std::string& prefix) {
   static int counter = 0;  // tests start servers from one thread
-  std::string base = testing::TempDir();
-  if (base.empty() || base.back() != '/') {
-    base += '/';
-  }
-  return base + prefix + "-" + std::to_string(getpid()) + "-" +
+  return testing::TempDir() + prefix + "-" + std::to_string(getpid()) + "-" +
          std::to_string(counter++) + ".port";
 }
 
@@ -97,15 +79,12 @@ bool port_process::start(const char* program, std::vector<std::string> argv,
   // The server must not outlive the test, even one that crashes.
   options.before_exec = [] { prctl(PR_SET_PDEATHSIG, SIGKILL); };
   proc_ = start_program(program, argv, options);
-  for (int waited = 0; proc_.pid > 0 && waited < 10000; waited += 10) {
+  for (int waited = 0; proc_.pid > 0 && !has_ended(proc_) && waited < 10000;
+       waited += 10) {
     // The server renames the file into place once it listens.
-    std::string line = path_exists(port_file_) ? read_file(port_file_) : "";
-    port_ = atoi(line.c_str());
+    port_ = path_exists(port_file_) ? atoi(read_file(port_file_).c_str()) : 0;
     if (port_ > 0) {
       return true;
-    }
-    if (has_ended(proc_)) {
-      break;
     }
     pause_ms(10);
   }

@@ -29,12 +29,7 @@ std::vector<received_mail> smtp_relay::received() const {
       size_t eq = line.find('=');
       m[line.substr(0, eq)] = line.substr(eq + 1);
     }
-    std::string hex = m["body_hex"];
-    std::string body;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-      body += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    }
-    m["body"] = body;
+    m["body"] = read_file(dir + "/" + name + ".body");
     m["raw"] = read_file(dir + "/" + name + ".eml");
     out.push_back(std::move(m));
   }

@@ -87,11 +87,13 @@ started_program start_program(const std::string& program,
                               const run_options& options) {
   static int counter = 0;  // tests start programs from one thread
   started_program started;
+  int out = -1, err = -1;  // made here, so they exist however it ends
   if (!options.own_output) {
-    started.output =
-        (fs::path(testing::TempDir()) /
-         ("run-" + std::to_string(getpid()) + "-" + std::to_string(counter++)))
-            .string();
+    started.output = testing::TempDir() + "run-" + std::to_string(getpid()) +
+                     "-" + std::to_string(counter++);
+    int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    out = open((started.output + ".out").c_str(), flags, 0600);
+    err = open((started.output + ".err").c_str(), flags, 0600);
   }
   std::vector<char*> args;
   for (const auto& a : argv) {
@@ -101,10 +103,9 @@ started_program start_program(const std::string& program,
   started.pid = fork();
   if (started.pid == 0) {
     dup2(open("/dev/null", O_RDONLY), 0);
-    if (!options.own_output) {
-      int flags = O_WRONLY | O_CREAT | O_TRUNC;
-      dup2(open((started.output + ".out").c_str(), flags, 0600), 1);
-      dup2(open((started.output + ".err").c_str(), flags, 0600), 2);
+    if (out >= 0) {
+      dup2(out, 1);
+      dup2(err, 2);
     }
     if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) {
       _exit(126);
@@ -118,6 +119,8 @@ started_program start_program(const std::string& program,
     execv(program.c_str(), args.data());
     _exit(127);
   }
+  close(out);
+  close(err);
   EXPECT_GT(started.pid, 0) << "fork: " << strerror(errno);
   return started;
 }
