@@ -52,8 +52,8 @@ bool path_exists(const std::string& path) {
 }
 
 void make_dirs(const std::string& path) {
-  std::error_code error;
-  fs::create_directories(path, error);
+  std::error_code error;  // "" names no folder: nothing to make
+  fs::create_directories(path.empty() ? "." : path, error);
   EXPECT_FALSE(error) << "mkdir " << path << ": " << error.message();
 }
 
