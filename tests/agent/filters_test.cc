@@ -14,7 +14,6 @@
 #include <openssl/evp.h>
 #include <zlib.h>
 
-#include "lib/alloc.h"
 #include "lib/scoped.h"
 #include "tests/support/test_support.h"
 
@@ -162,20 +161,6 @@ TEST_F(FilterChainTest, RoundTripsAtEveryPullSize) {
   }
 }
 
-TEST_F(FilterChainTest, EqualBlocksGiveEqualBytes) {
-  std::string block = some_text(10000);
-  write_file("f", block + block + random_bytes(10000));
-  unique_fd fd(open("f", O_RDONLY));
-  std::string digest(16, '\0');
-  std::vector<std::string> outs;
-  for (int64_t offset : {0, 10000, 20000}) {
-    chain_ptr chain = open_chain(fd.get(), offset, 10000, nullptr, &digest);
-    outs.push_back(pull(chain.get(), {CHUNK}).out);
-  }
-  EXPECT_EQ(outs[0], outs[1]);
-  EXPECT_NE(outs[0], outs[2]);
-}
-
 TEST_F(FilterChainTest, ReadErrorEndsTheDigestAtTheBytesRead) {
   std::string block = random_bytes(300 << 10);
   write_file("f", block);
@@ -203,63 +188,6 @@ TEST_F(FilterChainTest, ReadErrorEndsTheDigestAtTheBytesRead) {
     EXPECT_LT(counter, block.size());
     EXPECT_EQ(digest, md5_of(block.substr(0, counter)));
   }
-}
-
-// The results a stub upstream gives in turn, then STREAM_END; a positive
-// one yields that many bytes of 'a'.
-struct script {
-  std::vector<int32_t> results;
-  size_t next = 0;
-};
-
-int32_t scripted_read(filter_stream* s, uint8_t* buffer, uint32_t length) {
-  script* sc = static_cast<script*>(s->engine);
-  int32_t n =
-      sc->next < sc->results.size() ? sc->results[sc->next++] : STREAM_END;
-  EXPECT_LE(n, static_cast<int32_t>(length));
-  std::fill_n(buffer, std::max(n, 0), 'a');
-  return n;
-}
-
-TEST(FilterStages, PassUpstreamResultsThrough) {
-  const struct {
-    const char* name;
-    std::vector<int32_t> results;
-    bool via_deflate;
-    int32_t want_last;
-  } cases[] = {
-      {"fatal through both", {-3}, true, STREAM_FATAL},
-      {"fatal after data", {100, -3}, true, STREAM_FATAL},
-      {"error through both", {-2}, true, STREAM_ERROR},
-      {"nothing yielded to deflate", {0}, true, STREAM_ERROR},
-      {"nothing yielded to AES", {0}, false, STREAM_ERROR},
-      {"nothing yielded while data is held", {100, 0}, false, STREAM_END},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    script sc{c.results};
-    // The stage above frees it, so it comes from the same allocator.
-    auto* stub = static_cast<filter_stream*>(xzalloc(sizeof(filter_stream)));
-    stub->read = scripted_read;
-    stub->close = [](filter_stream*) {};
-    stub->engine = &sc;
-    chain_ptr chain(
-        aes_filter_open(c.via_deflate ? deflate_filter_open(stub) : stub, KEY));
-    // Pulls of 20 leave bytes held, so the stub is asked again while there
-    // is still input.
-    pulled got = pull(chain.get(), {20});
-    EXPECT_EQ(got.last, c.want_last);
-    if (c.want_last == STREAM_END) {
-      EXPECT_EQ(got.out, encrypt(std::string(100, 'a')));
-    }
-  }
-}
-
-TEST(FilterStages, RefuseNullUpstream) {
-  uint8_t digest[16];
-  EXPECT_EQ(md5_filter_open(nullptr, digest), nullptr);
-  EXPECT_EQ(deflate_filter_open(nullptr), nullptr);
-  EXPECT_EQ(aes_filter_open(nullptr, KEY), nullptr);
 }
 
 }  // namespace

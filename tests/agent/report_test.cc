@@ -8,8 +8,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <regex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -160,52 +158,6 @@ TEST_F(Report, EveryTokenAndTheOddCases) {
                 utc_text(start) + "|" + delta);
 }
 
-TEST_F(Report, DestinationText) {
-  std::string long_dest = "/7/" + std::string(200, 'd');  // kept by report
-  std::string cut = "My Qarn/ann/" + std::string(131, 'd');
-  const char* cases[][2] = {
-      {"/ann/docs/2024", "My Qarn/ann/docs/2024"},
-      {"/7", "My Qarn/ann"},
-      {"7/x", "My Qarn/ann/x"},
-      {long_dest.c_str(), cut.c_str()},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c[0]);
-    report_reset();
-    start(true, 0, c[0]);
-    EXPECT_STREQ(report_destination_text(), c[1]);
-  }
-}
-
-TEST_F(Report, ErrorListForms) {
-  write_file("etc/failinfo_txt.emt", "#ERROR_LIST#");
-  write_file("etc/failinfo_html.emt", "#ERROR_LIST#");
-  struct {
-    int flags;
-    int errors;
-    const char* want;
-  } cases[] = {
-      {0, 0, " - None!\n"},
-      {0, 2, " - /f0: IO communication error\n - /f1: No such device\n"},
-      {1, 0, "<tr><td class=\"rowtitle\" align=center>None!</td></tr>\n"},
-      {1, 2,
-       "<tr><td class=\"rowtitle\">File</td><td class=\"rowtitle\">Error</td>"
-       "</tr><tr><td>/f0</td><td>IO communication error</td></tr>\n"
-       "<tr><td>/f1</td><td>No such device</td></tr>\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.want);
-    report_reset();
-    start(true, c.flags);
-    if (c.errors > 0) {
-      report_error_code("/f0", ERR_IO);
-      report_error_errno("/f1", ENODEV);
-    }
-    report_failure_code(ERR_IO);
-    EXPECT_STREQ(report_state_record()->report_text, c.want);
-  }
-}
-
 TEST_F(Report, RecipientFlags) {
   write_file("etc/success_txt.emt", "T");
   write_file("etc/success_html.emt", "H");
@@ -268,40 +220,6 @@ TEST_F(Report, OverflowAbandons) {
   compose("#JOB#");
   EXPECT_EQ(report_state_now(), REPORT_ABANDONED);
   EXPECT_FALSE(path_exists("report.eml"));
-}
-
-// The shipped templates: known tokens only, small enough to load, every
-// token used, and no account figures before the account is known.
-TEST_F(Report, ShippedTemplates) {
-  std::string self = __FILE__;
-  std::string dir = self.substr(0, self.rfind("tests/")) + "agent/templates/";
-  const std::set<std::string> before_login = {"JOB", "ERROR_MESSAGE",
-                                              "START_TIME", "REMOVE_ME_URL"};
-  std::set<std::string> all = {"ACCNAME",     "USERNAME",   "DSTPATH",
-                               "START_SIZE",  "STOP_TIME",  "STOP_SIZE",
-                               "DELTA_TIME",  "DELTA_SIZE", "NUM_REQUESTED",
-                               "NUM_UP2DATE", "NUM_FAILED", "NUM_TRANSFERED",
-                               "ERROR_LIST"};
-  all.insert(before_login.begin(), before_login.end());
-  std::set<std::string> used;
-  for (const char* base : {"success", "failinfo", "failnoinfo"}) {
-    for (const char* kind : {"_txt.emt", "_html.emt"}) {
-      SCOPED_TRACE(std::string(base) + kind);
-      std::string text = read_file(dir + base + kind);
-      EXPECT_GT(text.size(), 0u);
-      EXPECT_LT(text.size(), 8191u);
-      std::regex token("#([A-Z0-9_]+)#");
-      for (std::sregex_iterator it(text.begin(), text.end(), token), end;
-           it != end; ++it) {
-        std::string t = (*it)[1];
-        used.insert(t);
-        EXPECT_TRUE(all.count(t)) << t;
-        EXPECT_TRUE(strcmp(base, "failnoinfo") != 0 || before_login.count(t))
-            << t;
-      }
-    }
-  }
-  EXPECT_EQ(used, all);
 }
 
 }  // namespace

@@ -1,42 +1,19 @@
-// Crashes at random moments: the agent or kfsd is killed with SIGKILL in
-// the middle of a run, many times over (fixed seeds). After each, the next
-// clean run completes, a restore is byte-identical (so the index never
-// called a file unchanged that the server did not hold complete), and the
-// store checks clean.
+// Crashes at random moments: the agent, kfsd or a prune is killed with
+// SIGKILL in the middle of its work, many times over (fixed seeds). After
+// each, the next clean run completes, a restore is byte-identical (so the
+// index never called a file unchanged that the server did not hold
+// complete), and the store checks clean.
 #include <signal.h>
-#include <sys/wait.h>
-#include <time.h>
 
 #include <map>
-#include <random>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "tests/support/backup_service.h"
 #include "tests/support/fault_proxy.h"
-#include "tests/support/test_support.h"
 
 namespace {
 
 constexpr uint32_t kBlock = 4096;
 constexpr int kFiles = 40;
-
-void pause_us(long us) {
-  struct timespec ts = {us / 1000000, (us % 1000000) * 1000};
-  while (nanosleep(&ts, &ts) != 0) {
-  }
-}
-
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> out;
-  for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos;
-       at = end + 1) {
-    out.push_back(text.substr(at, end - at));
-  }
-  return out;
-}
 
 class Crash : public TempDirTest {
  protected:
@@ -48,82 +25,51 @@ class Crash : public TempDirTest {
       rewrite(i);
     }
     ASSERT_TRUE(svc_.start(dir(), kBlock));
-    ASSERT_TRUE(proxy_.start(svc_.server.port()));
-    svc_.point_agent_at(proxy_.port());
+    ASSERT_TRUE(proxy_.start(svc_.server.port()));  // counts requests only
+    svc_.point_at(proxy_.port());
     ASSERT_NE(svc_.back_up(src_).find("failed=0"), std::string::npos);
     first_run_requests_ = proxy_.requests();
+    serve_ = {"--block-size", std::to_string(kBlock), "--listen",
+              "127.0.0.1:" + std::to_string(svc_.server.port())};
   }
 
-  // Starts the agent and kills it once the proxy has seen a random number
-  // of its requests (the moment it is caught differs every time: sending,
-  // waiting, reading files, writing its index), a little later still, at
-  // random. True when the kill came before the run ended.
-  bool run_and_kill() {
-    uint64_t at = gen_() % (first_run_requests_ / 2 + 1);
-    proxy_.arm(fault_kind::none, 0);  // counts this run's requests from 0
-    started_program agent = start_program(
-        svc_.agent_argv()[0], svc_.agent_argv(), svc_.agent_options());
-    wait_for_requests(agent, at);
-    pause_us(static_cast<long>(gen_() % 3000));
-    kill(agent.pid, SIGKILL);
-    return finish_program(&agent).exit_code == -1;
-  }
-
-  // Until the proxy has seen `at` requests of this run, or the agent ended.
-  void wait_for_requests(const started_program& agent, uint64_t at) {
-    for (;;) {
-      siginfo_t info = {};
-      // WNOWAIT: finish_program still reaps it.
-      waitid(P_PID, static_cast<id_t>(agent.pid), &info,
-             WEXITED | WNOHANG | WNOWAIT);
-      if (proxy_.requests() >= at || info.si_pid != 0) {
-        return;
-      }
-      pause_us(100);
-    }
-  }
-
-  // A new content, size and time for file i: up to 12 blocks, half of the
-  // files text-like.
-  void rewrite(int i) {
-    std::string path = src_ +
-                       (i % 3 == 0   ? "/a/b/f"
-                        : i % 3 == 1 ? "/a/f"
-                                     : "/f") +
-                       std::to_string(i);
-    size_t size = gen_() % (12 * kBlock);
-    std::string data(size, '\0');
-    for (size_t k = 0; k < size; ++k) {
-      data[k] = i % 2 == 0 ? static_cast<char>('a' + (k / 7 + gen_()) % 4)
-                           : static_cast<char>(gen_());
-    }
-    write_file(path, data);
-  }
-
-  // A third of the files change before each crashed run, so it has work to
-  // be caught in.
+  // A third of the files get a new content, size and time (up to 12
+  // blocks, half of them text-like), so the next run has work to be caught
+  // in.
   void change_some() {
-    for (int i = 0; i < kFiles / 3; ++i) {
+    for (int n = 0; n < kFiles / 3; ++n) {
       rewrite(static_cast<int>(gen_() % kFiles));
     }
   }
 
-  // The next clean run, the restore and the store check: "" when all hold.
-  std::string recovery_problems() {
-    backup_service::next_second();
-    std::string report = svc_.back_up(src_);
-    std::string problems;
-    if (report.find("failed=0") == std::string::npos) {
-      problems += "next run: " + report + "\n";
+  // Starts the agent and returns once the proxy has seen a random number
+  // of its requests, or it ended.
+  started_program start_and_wait() {
+    uint64_t at = gen_() % (first_run_requests_ / 2 + 1);
+    proxy_.arm(fault_kind::none, 0);  // counts this run's requests from 0
+    started_program agent = svc_.start_agent();
+    while (proxy_.requests() < at && !has_ended(agent)) {
+      pause_ms(1);
     }
-    return problems + svc_.verify(src_) + svc_.check_store();
+    return agent;
+  }
+
+  void rewrite(int i) {
+    const char* folders[] = {"/a/b/f", "/a/f", "/f"};
+    std::string data(gen_() % (12 * kBlock), '\0');
+    for (size_t k = 0; k < data.size(); ++k) {
+      data[k] = i % 2 == 0 ? static_cast<char>('a' + (k / 7 + gen_()) % 4)
+                           : static_cast<char>(gen_());
+    }
+    write_file(src_ + folders[i % 3] + std::to_string(i), data);
   }
 
   std::mt19937_64 gen_{20261121};
   std::string src_;
   backup_service svc_;
-  fault_proxy proxy_;  // counts requests; arms no fault
+  fault_proxy proxy_;
   uint64_t first_run_requests_ = 0;
+  std::vector<std::string> serve_;  // kfsd's arguments for its old port
 };
 
 TEST_F(Crash, AgentKilledAtRandomMomentsLosesNothing) {
@@ -131,29 +77,26 @@ TEST_F(Crash, AgentKilledAtRandomMomentsLosesNothing) {
   for (int trial = 0; killed < 50 && trial < 100; ++trial) {
     SCOPED_TRACE("trial " + std::to_string(trial));
     change_some();
-    killed += run_and_kill();
-    ASSERT_EQ(recovery_problems(), "");
+    started_program agent = start_and_wait();
+    // Caught sending, waiting, reading files or writing its index.
+    pause_ms(static_cast<long>(gen_() % 3));
+    kill(agent.pid, SIGKILL);
+    killed += finish_program(&agent).exit_code == -1;
+    ASSERT_EQ(svc_.catch_up(src_), "");
   }
   EXPECT_GE(killed, 50) << "runs ended before the kill too often";
 }
 
 TEST_F(Crash, ServerKilledAndRestartedMidRunLosesNothing) {
-  std::vector<std::string> serve = {
-      "--block-size", std::to_string(kBlock), "--listen",
-      "127.0.0.1:" + std::to_string(svc_.server.port())};
   for (int trial = 0; trial < 20; ++trial) {
     SCOPED_TRACE("trial " + std::to_string(trial));
     change_some();
-    uint64_t at = gen_() % (first_run_requests_ / 2 + 1);
-    proxy_.arm(fault_kind::none, 0);
-    started_program agent = start_program(
-        svc_.agent_argv()[0], svc_.agent_argv(), svc_.agent_options());
-    wait_for_requests(agent, at);
+    started_program agent = start_and_wait();
     kill(svc_.server.pid(), SIGKILL);
     svc_.server.stop();
-    ASSERT_TRUE(svc_.server.start(svc_.data, serve));  // the proxy's target
+    ASSERT_TRUE(svc_.server.start(svc_.data, serve_));  // the proxy's target
     EXPECT_EQ(finish_program(&agent).exit_code, 0);
-    ASSERT_EQ(recovery_problems(), "");
+    ASSERT_EQ(svc_.catch_up(src_), "");
   }
 }
 
@@ -162,9 +105,6 @@ TEST_F(Crash, ServerKilledAndRestartedMidRunLosesNothing) {
 // store checks clean and every point that is left verifies against the
 // tree its run saw.
 TEST_F(Crash, PruneKilledAtRandomMomentsKeepsEveryPointWhole) {
-  std::vector<std::string> serve = {
-      "--block-size", std::to_string(kBlock), "--listen",
-      "127.0.0.1:" + std::to_string(svc_.server.port())};
   std::map<std::string, std::string> trees;  // point time -> its tree
   for (int trial = 0; trial < 8; ++trial) {
     SCOPED_TRACE("trial " + std::to_string(trial));
@@ -175,28 +115,26 @@ TEST_F(Crash, PruneKilledAtRandomMomentsKeepsEveryPointWhole) {
     }
     std::string copy = dir() + "/tree" + std::to_string(trial);
     ASSERT_EQ(system(("cp -a " + src_ + " " + copy).c_str()), 0);
-    // --points prints a line per point, oldest first, then a count.
-    std::vector<std::string> lines = lines_of(svc_.restore({"--points"}).out);
-    ASSERT_GE(lines.size(), 2u);
-    trees[lines[lines.size() - 2].substr(0, 19)] = copy;
+    std::vector<std::string> times = svc_.point_times();
+    ASSERT_FALSE(times.empty());
+    trees[times.back()] = copy;
 
     svc_.server.stop();
     started_program prune = start_program(
-        KFSD_PATH, {"kfsd", "prune", svc_.data, "--user", "7", "--keep-last",
-                    "3"});
-    pause_us(static_cast<long>(gen_() % 40000));
+        KFSD_PATH,
+        {"kfsd", "prune", svc_.data, "--user", "7", "--keep-last", "3"});
+    pause_ms(static_cast<long>(gen_() % 40));
     kill(prune.pid, SIGKILL);
     finish_program(&prune);
-    ASSERT_TRUE(svc_.server.start(svc_.data, serve));
+    ASSERT_TRUE(svc_.server.start(svc_.data, serve_));
     ASSERT_EQ(svc_.check_store(), "");
-    lines = lines_of(svc_.restore({"--points"}).out);
-    for (size_t i = 0; i + 1 < lines.size(); ++i) {
-      std::string time = lines[i].substr(0, 19);
-      ASSERT_EQ(trees.count(time), 1u) << lines[i];
+    for (const std::string& time : svc_.point_times()) {
+      ASSERT_EQ(trees.count(time), 1u) << time;
       run_result r = svc_.restore(
-          {"--at", time, "--verify", trees[time], "/7/Today" + src_});
+          {"--at", time, "--verify", trees[time], svc_.remote_of(src_)});
       EXPECT_NE(r.out.find("no differences"), std::string::npos)
-          << time << "\n" << r.out << r.err;
+          << time << "\n"
+          << r.out << r.err;
     }
   }
 }

@@ -11,12 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "tests/support/backup_service.h"
-#include "tests/support/test_support.h"
 
 namespace {
 
@@ -46,10 +41,7 @@ class DiskTrouble : public TempDirTest {
     write_file(src_ + "/a", std::string(10000, 'a'));
     write_file(src_ + "/sub/b", "bee");
     ASSERT_TRUE(svc_.start(dir()));
-    write_file(svc_.root + "/rt.job",
-               "name=rt\nUserId=7\nDest=/7/Today\nhtml=0\n"
-               "Email=ops@example.org\nSrc=" +
-                   src_ + "\n");
+    svc_.write_job(src_);
   }
 
   // One run with the given restriction; the report mailed, "" when none.
@@ -57,8 +49,7 @@ class DiskTrouble : public TempDirTest {
     size_t before = kfsd_message_count(svc_.data);
     run_options options = svc_.agent_options();
     options.before_exec = restriction;
-    run_result r =
-        run_program(svc_.agent_argv()[0], svc_.agent_argv(), options);
+    run_result r = run_program(AGENT_UNDER_TEST, svc_.agent_argv(), options);
     EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
     return kfsd_message_count(svc_.data) > before ? kfsd_last_message(svc_.data)
                                                   : "";
@@ -69,24 +60,24 @@ class DiskTrouble : public TempDirTest {
 };
 
 TEST_F(DiskTrouble, RootThatCannotBeWritten) {
-  struct restriction {
+  const struct {
     const char* name;
     void (*apply)();
     mode_t root_mode, etc_mode;
     const char* first;  // the reports of two runs under the restriction
     const char* second;
-  };
-  const restriction cases[] = {
+  } cases[] = {
       // No index and no time stamp can be kept: all is sent and mailed, and
       // the next run compares with the service's listings instead.
       {"read-only etc", without_permission_override, 0755, 0555,
-       "sent=2 failed=0\n - None!\n", "sent=0 failed=0\n - None!\n"},
+       "job=rt requested=2 sent=2 same=0 failed=0\n - None!\n",
+       "job=rt requested=2 sent=0 same=2 failed=0\n - None!\n"},
       // The login needs the server's key in a file in the root: the job
       // cannot start, and its failure report cannot be kept either.
       {"read-only root", without_permission_override, 0555, 0755, "", ""},
       {"full disk", no_space, 0755, 0755, "", ""},
   };
-  for (const restriction& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     ASSERT_EQ(chmod(svc_.root.c_str(), c.root_mode), 0);
     ASSERT_EQ(chmod((svc_.root + "/etc").c_str(), c.etc_mode), 0);
@@ -100,9 +91,7 @@ TEST_F(DiskTrouble, RootThatCannotBeWritten) {
     ASSERT_EQ(chmod(svc_.root.c_str(), 0755), 0);
     ASSERT_EQ(chmod((svc_.root + "/etc").c_str(), 0755), 0);
     // With room again, the next run brings the service up to date.
-    backup_service::next_second();
-    EXPECT_NE(run(nullptr).find("failed=0"), std::string::npos);
-    EXPECT_EQ(svc_.verify(src_), "");
+    EXPECT_EQ(svc_.catch_up(src_), "");
   }
 }
 
@@ -115,13 +104,13 @@ TEST_F(DiskTrouble, UnreadableSourcesAreReportedOrSkipped) {
   std::string report = run(without_permission_override);
   // A file that cannot be read is a failed file; a folder that cannot be
   // opened is passed over without a word.
-  EXPECT_EQ(report,
-            "sent=2 failed=1\n - " + src_ + "/locked: Permission denied\n");
+  EXPECT_NE(report.find(" sent=2 same=0 failed=1\n - " + src_ +
+                        "/locked: Permission denied\n"),
+            std::string::npos)
+      << report;
   ASSERT_EQ(chmod((src_ + "/locked").c_str(), 0644), 0);
   ASSERT_EQ(chmod((src_ + "/closed").c_str(), 0755), 0);
-  backup_service::next_second();
-  EXPECT_NE(run(nullptr).find("failed=0"), std::string::npos);
-  EXPECT_EQ(svc_.verify(src_), "");
+  EXPECT_EQ(svc_.catch_up(src_), "");
 }
 
 }  // namespace

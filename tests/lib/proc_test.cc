@@ -1,11 +1,7 @@
 #include "lib/proc.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <string.h>
 #include <unistd.h>
-
-#include <string>
 
 #include <gtest/gtest.h>
 
@@ -14,49 +10,6 @@
 namespace {
 
 class Proc : public TempDirTest {};
-
-void on_signal(int) {}
-
-TEST(ProcNames, SignalTable) {
-  const std::pair<int, const char*> cases[] = {
-      {0, "0_UNDEF"},  {1, "SIGHUP"},     {7, "SIGBUS"},
-      {14, "SIGALRM"}, {16, "SIGSTKFLT"}, {26, "SIGVTALRM"},
-      {31, "SIGSYS"},  {32, nullptr},     {-1, nullptr}};
-  for (const auto& [sig, want] : cases) {
-    SCOPED_TRACE(sig);
-    EXPECT_STREQ(signal_name(sig), want);
-  }
-}
-
-// The destination starts as a hard link to "other", which must not change.
-TEST_F(Proc, CopyFile) {
-  const struct {
-    const char* name;
-    const char* source;
-    std::string content;
-    int want;
-  } cases[] = {{"small", "src", "new", 0},
-               {"empty", "src", "", 0},
-               {"several reads", "src", std::string(20000, 'x') + "end", 0},
-               {"read fails, destination removed", "dir", "", -1}};
-  make_dirs("dir");
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    write_file("src", c.content);
-    write_file("other", "old");
-    ASSERT_EQ(link("other", "dst"), 0);
-    EXPECT_EQ(copy_file(c.source, "dst", 0640), c.want);
-    EXPECT_EQ(read_file("other"), "old");
-    EXPECT_EQ(path_exists("dst"), c.want == 0);
-    if (c.want == 0) {
-      EXPECT_EQ(read_file("dst"), c.content);
-    }
-    unlink("dst");
-  }
-  EXPECT_EQ(copy_file("nosuch", "dst", 0644), -1);
-  EXPECT_FALSE(path_exists("dst"));
-  EXPECT_EQ(copy_file("src", "dir", 0644), -1);
-}
 
 TEST_F(Proc, CopyFdHidesWriteFailureAndDescriptorModes) {
   write_file("in", "0123456789");
@@ -73,46 +26,6 @@ TEST_F(Proc, CopyFdHidesWriteFailureAndDescriptorModes) {
   int dir = open(".", O_RDONLY);
   EXPECT_EQ(copy_fd(dir, STDOUT_FILENO), -1);
   close(dir);
-}
-
-TEST_F(Proc, RemoveTreeEntry) {
-  const struct {
-    const char* name;
-    const char* make;  // a file "e", or "e/child" under a directory "e"
-    const char* flag;
-    int want;
-  } cases[] = {{"file", "e", nullptr, 102},
-               {"full directory", "e/child", nullptr, 100},
-               {"full directory, empty flag", "e/child", "", 100},
-               {"full directory tolerated", "e/child", "1", 102}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    make_dirs(std::string(c.make) == "e" ? "" : "e");
-    write_file(c.make, "x");
-    struct stat st;
-    ASSERT_EQ(lstat("e", &st), 0);
-    errno = EIO;
-    EXPECT_EQ(remove_tree_entry(c.flag, "e", &st), c.want);
-    EXPECT_EQ(errno == 0, c.want == 102 && c.flag != nullptr);
-    EXPECT_EQ(path_exists("e"), c.flag != nullptr || c.want == 100);
-    remove_tree("e");
-  }
-}
-
-TEST(ProcSignals, OnlyAlarmInterruptsSystemCalls) {
-  const std::pair<int, bool> cases[] = {
-      {SIGALRM, false}, {SIGUSR1, true}, {SIGHUP, true}};
-  for (const auto& [sig, restart] : cases) {
-    SCOPED_TRACE(sig);
-    EXPECT_EQ(ignore_signal(sig), SIG_DFL);
-    EXPECT_EQ(set_signal_handler(sig, on_signal), SIG_IGN);
-    struct sigaction now;
-    ASSERT_EQ(sigaction(sig, nullptr, &now), 0);
-    EXPECT_EQ(now.sa_handler, on_signal);
-    EXPECT_EQ((now.sa_flags & SA_RESTART) != 0, restart);
-    EXPECT_TRUE(sigismember(&now.sa_mask, sig));
-    signal(sig, SIG_DFL);
-  }
 }
 
 }  // namespace

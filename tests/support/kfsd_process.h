@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/test_support.h"
+
 // Runs `kfsd init dir` and fails the test on error.
 void kfsd_init(const std::string& dir);
 
@@ -51,10 +53,10 @@ class port_process {
   void stop();
 
   int port() const { return port_; }
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return proc_.pid; }
 
  private:
-  pid_t pid_ = -1;
+  started_program proc_;
   int port_ = 0;
   std::string port_file_;
 };

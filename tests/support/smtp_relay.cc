@@ -1,12 +1,10 @@
 #include "tests/support/smtp_relay.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <sstream>
 
 #include "tests/support/test_support.h"
@@ -22,31 +20,16 @@ bool smtp_relay::start(const std::string& folder,
 }
 
 std::vector<received_mail> smtp_relay::received() const {
-  std::vector<std::string> names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      std::string name = e->d_name;
-      if (name.size() > 4 && name.substr(name.size() - 4) == ".txt") {
-        names.push_back(name.substr(0, name.size() - 4));
-      }
-    }
-    closedir(d);
-  }
-  std::sort(names.begin(), names.end());
   std::vector<received_mail> out;
-  for (const std::string& name : names) {
+  for (std::string name : list_dir(dir, ".txt")) {
+    name.resize(name.size() - 4);
     received_mail m;
     std::istringstream lines(read_file(dir + "/" + name + ".txt"));
     for (std::string line; std::getline(lines, line);) {
       size_t eq = line.find('=');
       m[line.substr(0, eq)] = line.substr(eq + 1);
     }
-    std::string hex = m["body_hex"];
-    std::string body;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-      body += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    }
-    m["body"] = body;
+    m["body"] = read_file(dir + "/" + name + ".body");
     m["raw"] = read_file(dir + "/" + name + ".eml");
     out.push_back(std::move(m));
   }
@@ -56,7 +39,7 @@ std::vector<received_mail> smtp_relay::received() const {
 std::vector<received_mail> smtp_relay::wait_for(size_t n) const {
   std::vector<received_mail> got = received();
   for (int waited = 0; waited < 10000 && got.size() < n; waited += 20) {
-    usleep(20000);
+    pause_ms(20);
     got = received();
   }
   return got;

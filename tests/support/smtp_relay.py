@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-"""A mail relay for tests, on 127.0.0.1: saves each message it accepts as
-N.eml, and beside it N.txt with what the standard e-mail parser makes of
-it, one "key=value" a line. It can refuse recipients (550), answer the first messages with a
-temporary failure (451), require a login, and it ends by itself after --lifetime seconds."""
+# A mail relay for tests, on 127.0.0.1: saves each message it accepts as
+# N.eml, its decoded body as N.body, and N.txt with what the standard
+# e-mail parser makes of it, one "key=value" a line. It can refuse
+# recipients (550), answer the first messages with a temporary failure
+# (451), require a login, and it ends by itself after --lifetime seconds.
 import argparse
 import asyncio
 import email
@@ -29,9 +30,7 @@ args = parser.parse_args()
 
 def describe(raw, envelope):
     msg = email.message_from_bytes(raw, policy=email.policy.default)
-    body = msg.get_payload(decode=True) or b""
     return {
-        "mail_from": envelope.mail_from,
         "rcpt_tos": ",".join(envelope.rcpt_tos),
         "from": str(msg["From"]),
         "to": str(msg["To"]),
@@ -42,8 +41,6 @@ def describe(raw, envelope):
         "content_type": msg.get_content_type(),
         "charset": msg.get_content_charset(),
         "defects": ",".join(type(d).__name__ for d in msg.defects),
-        # The decoded body with the line ends mail carries made "\n" again.
-        "body_hex": body.replace(b"\r\n", b"\n").hex(),
         "longest_line": max(len(line) for line in raw.split(b"\r\n")),
     }
 
@@ -68,6 +65,11 @@ class Handler:
         raw = envelope.original_content
         with open(base + ".eml", "wb") as f:
             f.write(raw)
+        # The decoded body, with the line ends mail carries made "\n" again.
+        msg = email.message_from_bytes(raw, policy=email.policy.default)
+        with open(base + ".body", "wb") as f:
+            body = msg.get_payload(decode=True) or b""
+            f.write(body.replace(b"\r\n", b"\n"))
         with open(base + ".txt.part", "w") as f:
             for key, value in describe(raw, envelope).items():
                 f.write("%s=%s\n" % (key, str(value).replace("\n", " ")))

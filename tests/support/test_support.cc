@@ -2,25 +2,22 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <ftw.h>
-#include <poll.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
+namespace fs = std::filesystem;
+
 void TempDirTest::SetUp() {
-  char cwd[4096];
-  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-  old_cwd_ = cwd;
-  std::string base = testing::TempDir();
-  if (base.empty() || base.back() != '/') {
-    base += '/';
-  }
-  std::string templ = base + "kovra-XXXXXX";
+  old_cwd_ = fs::current_path();
+  std::string templ = (fs::path(testing::TempDir()) / "kovra-XXXXXX").string();
   ASSERT_NE(mkdtemp(templ.data()), nullptr) << strerror(errno);
   dir_ = templ;
   ASSERT_EQ(chdir(dir_.c_str()), 0);
@@ -37,7 +34,6 @@ void TempDirTest::TearDown() {
 
 void write_file(const std::string& path, const std::string& content) {
   std::ofstream f(path, std::ios::binary | std::ios::trunc);
-  ASSERT_TRUE(f.good()) << "cannot create " << path;
   f.write(content.data(), static_cast<std::streamsize>(content.size()));
   ASSERT_TRUE(f.good()) << "cannot write " << path;
 }
@@ -56,83 +52,61 @@ bool path_exists(const std::string& path) {
 }
 
 void make_dirs(const std::string& path) {
-  for (size_t i = 1; i <= path.size(); ++i) {
-    if (i == path.size() || path[i] == '/') {
-      std::string part = path.substr(0, i);
-      if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
-        ADD_FAILURE() << "mkdir " << part << ": " << strerror(errno);
-        return;
-      }
-    }
-  }
+  std::error_code error;  // "" names no folder: nothing to make
+  fs::create_directories(path.empty() ? "." : path, error);
+  EXPECT_FALSE(error) << "mkdir " << path << ": " << error.message();
 }
 
 void remove_tree(const std::string& path) {
-  nftw(
-      path.c_str(),
-      [](const char* p, const struct stat*, int, struct FTW*) {
-        remove(p);
-        return 0;
-      },
-      16, FTW_DEPTH | FTW_PHYS);
+  std::error_code ignored;
+  fs::remove_all(path, ignored);
 }
 
-namespace {
-
-// Drains both pipes until the child closes them, so neither can fill up.
-void drain(int out_fd, int err_fd, std::string& out, std::string& err) {
-  struct pollfd fds[2] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}};
-  std::string* sinks[2] = {&out, &err};
-  int open_count = 2;
-  while (open_count > 0) {
-    if (poll(fds, 2, -1) < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      break;
-    }
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) {
-        continue;
-      }
-      char buf[4096];
-      ssize_t n = read(fds[i].fd, buf, sizeof buf);
-      if (n > 0) {
-        sinks[i]->append(buf, static_cast<size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open_count;
-      }
+std::vector<std::string> list_dir(const std::string& dir,
+                                  const std::string& suffix) {
+  std::vector<std::string> names;
+  std::error_code missing;
+  for (const auto& e : fs::directory_iterator(dir, missing)) {
+    std::string name = e.path().filename();
+    if (name[0] != '.' && name.ends_with(suffix)) {
+      names.push_back(name);
     }
   }
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
-}  // namespace
+void pause_ms(long ms) {
+  struct timespec ts = {ms / 1000, (ms % 1000) * 1000000};
+  while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+  }
+}
 
 started_program start_program(const std::string& program,
                               const std::vector<std::string>& argv,
                               const run_options& options) {
+  static int counter = 0;  // tests start programs from one thread
   started_program started;
-  int out_pipe[2], err_pipe[2];
-  if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) {
-    ADD_FAILURE() << "pipe: " << strerror(errno);
-    return started;
+  int out = -1, err = -1;  // made here, so they exist however it ends
+  if (!options.own_output) {
+    started.output = testing::TempDir() + "run-" + std::to_string(getpid()) +
+                     "-" + std::to_string(counter++);
+    int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    out = open((started.output + ".out").c_str(), flags, 0600);
+    err = open((started.output + ".err").c_str(), flags, 0600);
   }
   std::vector<char*> args;
   for (const auto& a : argv) {
     args.push_back(const_cast<char*>(a.c_str()));
   }
   args.push_back(nullptr);
-
-  pid_t pid = fork();
-  if (pid == 0) {
-    int null_fd = open("/dev/null", O_RDONLY);
-    dup2(null_fd, 0);
-    dup2(out_pipe[1], 1);
-    dup2(err_pipe[1], 2);
-    close(out_pipe[0]);
-    close(err_pipe[0]);
+  started.pid = fork();
+  if (started.pid == 0) {
+    dup2(open("/dev/null", O_RDONLY), 0);
+    if (out >= 0) {
+      dup2(out, 1);
+      dup2(err, 2);
+    }
     if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) {
       _exit(126);
     }
@@ -145,30 +119,33 @@ started_program start_program(const std::string& program,
     execv(program.c_str(), args.data());
     _exit(127);
   }
-  close(out_pipe[1]);
-  close(err_pipe[1]);
-  if (pid < 0) {
-    ADD_FAILURE() << "fork: " << strerror(errno);
-    close(out_pipe[0]);
-    close(err_pipe[0]);
-    return started;
-  }
-  started.pid = pid;
-  started.out_fd = out_pipe[0];
-  started.err_fd = err_pipe[0];
+  close(out);
+  close(err);
+  EXPECT_GT(started.pid, 0) << "fork: " << strerror(errno);
   return started;
+}
+
+bool has_ended(const started_program& program) {
+  siginfo_t info = {};
+  waitid(P_PID, static_cast<id_t>(program.pid), &info,
+         WEXITED | WNOHANG | WNOWAIT);
+  return info.si_pid != 0;
 }
 
 run_result finish_program(started_program* program) {
   run_result result;
-  if (program->pid < 0) {
-    return result;
-  }
-  drain(program->out_fd, program->err_fd, result.out, result.err);
   int status = 0;
-  while (waitpid(program->pid, &status, 0) < 0 && errno == EINTR) {
+  if (program->pid > 0) {
+    while (waitpid(program->pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
-  result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  if (!program->output.empty()) {
+    result.out = read_file(program->output + ".out");
+    result.err = read_file(program->output + ".err");
+    unlink((program->output + ".out").c_str());
+    unlink((program->output + ".err").c_str());
+  }
   *program = started_program();
   return result;
 }

@@ -40,6 +40,13 @@ void make_dirs(const std::string& path);
 // rm -rf.
 void remove_tree(const std::string& path);
 
+// The names in dir that end in suffix, sorted, but for those that begin
+// with a dot; none when dir is missing.
+std::vector<std::string> list_dir(const std::string& dir,
+                                  const std::string& suffix);
+
+void pause_ms(long ms);
+
 struct run_result {
   int exit_code = -1;  // exit status, or -1 when killed by a signal
   std::string out;     // everything written to standard output
@@ -50,6 +57,7 @@ struct run_options {
   std::string cwd;                                       // "" keeps ours
   std::vector<std::pair<std::string, std::string>> env;  // added or replaced
   void (*before_exec)() = nullptr;  // runs in the child, just before exec
+  bool own_output = false;  // it writes where we do: nothing is captured
 };
 
 // Runs `program` with argv exactly as given (argv[0] included, so a test can
@@ -58,21 +66,22 @@ run_result run_program(const std::string& program,
                        const std::vector<std::string>& argv,
                        const run_options& options = {});
 
-// A program started by start_program and not yet finished.
+// A program started by start_program and not yet finished; what it says
+// goes to files of its own until then.
 struct started_program {
   pid_t pid = -1;
-  int out_fd = -1;  // read ends of its standard output and error
-  int err_fd = -1;
+  std::string output;  // the files are output + ".out" and ".err"
 };
 
 // Starts `program` as run_program does but returns at once, so that several
-// run side by side. Its output waits in pipes until finish_program: one that
-// fills a pipe (64 KiB) stops there until then, so finish programs that say
-// much in the order they need to end. pid is -1 when it could not start.
+// run side by side. pid is -1 when it could not start.
 started_program start_program(const std::string& program,
                               const std::vector<std::string>& argv,
                               const run_options& options = {});
 
-// Reads all a started program says until it ends, reaps it and closes the
-// pipes; the result says -1 for a program that never started.
+// Whether it has ended; it is left for finish_program to reap.
+bool has_ended(const started_program& program);
+
+// Waits for a started program to end and reaps it; the result says -1 for
+// a program that never started.
 run_result finish_program(started_program* program);

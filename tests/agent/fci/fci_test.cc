@@ -123,15 +123,6 @@ TEST_F(Fci, FirstRunCommitsSortedBuckets) {
   EXPECT_EQ(find(mid, 10, 2), 1);
 }
 
-TEST_F(Fci, CommitWithoutRecordsWritesTheBareHeader) {
-  fci_open(ctx(), "x", 0);
-  fci_close(ctx(), 123);
-  EXPECT_EQ(read_file("etc/x.fci"), std::string("\1\0\0\0\x7b\0\0\0", 8));
-  fresh();
-  EXPECT_EQ(fci_open(ctx(), "x", 123), -1);
-  EXPECT_STREQ(ctx()->error_text, "FCI invalid: empty record set");
-}
-
 TEST_F(Fci, DiscardKeepsTheCopyCommitDropsIt) {
   std::string index = header(1, 5) + rec("a", 1, 2);
   write_file("etc/x.fci", index);
@@ -206,19 +197,6 @@ TEST_F(Fci, OpenChecksEveryRule) {
     EXPECT_EQ(ctx()->commit_time, c.rc == 0 ? 7 : 0);
     EXPECT_EQ(find("a", 1, 2), c.found);
   }
-}
-
-TEST_F(Fci, AddReportsAnUnopenableSortFile) {
-  write_file("#FCISORT#", "not a folder");
-  fci_open(ctx(), "x", 0);
-  EXPECT_EQ(fci_add(ctx(), "a", 1, 2, 0), -1);
-  EXPECT_EQ(errno, ENOTDIR);
-  int bucket = static_cast<uint8_t>(digest_of("a", EVP_sha1())[0]);
-  EXPECT_EQ(ctx()->error_text, "FCI error: opening sort file " +
-                                   std::to_string(bucket) + ": " +
-                                   strerror(ENOTDIR));
-  EXPECT_EQ(fci_add(nullptr, "a", 1, 2, 0), -1);
-  EXPECT_EQ(errno, EINVAL);
 }
 
 // 300 records in three pages (128, 128, 44), sorted here.
@@ -302,46 +280,6 @@ TEST_F(FciPages, FailedPageReadInvalidatesTheIndex) {
   const entry& lead = entries_[128];
   EXPECT_EQ(find(lead.path, lead.mtime, lead.size), 0);  // now even a lead
   EXPECT_EQ(ctx()->misses, 2u);
-}
-
-TEST_F(FciPages, ScanGoesForwardOnlyAmongEqualDigests) {
-  // Record 127 ends page 0; two more with its digest open page 1.
-  std::vector<entry> entries = entries_;
-  const entry d = entries[127];
-  entries[127].record = rec(d.path, 1, 0);
-  entries.insert(entries.begin() + 128, {rec(d.path, 3, 0), d.path, 3, 0});
-  entries.insert(entries.begin() + 128, {rec(d.path, 2, 0), d.path, 2, 0});
-  write_index(entries);
-  EXPECT_EQ(find(d.path, 2, 0), 1);  // the lead of page 1
-  EXPECT_EQ(ctx()->pages_read, 0u);
-  EXPECT_EQ(find(d.path, 3, 0), 1);
-  EXPECT_EQ(find(d.path, 1, 0), 0);  // on page 0: not examined
-}
-
-TEST_F(Fci, CacheEvictsTheOldestPage) {
-  // Page p holds 128 records of one digest, the last of them the one sought.
-  std::vector<std::pair<std::string, std::string>> pages;  // digest, path
-  for (int p = 0; p < 5122; p++) {
-    std::string path = "/home/u/" + std::to_string(p);
-    pages.emplace_back(digest_of(path, EVP_sha1()), path);
-  }
-  std::sort(pages.begin(), pages.end());
-  std::string index = header(1, 9);
-  for (const auto& [digest, path] : pages) {
-    for (uint32_t i = 0; i < 128; i++) {
-      index += digest + le32(i == 127 ? 7777 : i) + le32(0) + le32(0);
-    }
-  }
-  write_file("etc/x.fci", index);
-  ASSERT_EQ(fci_open(ctx(), "x", 9), 0);
-  for (int p = 0; p < 5121; p++) {
-    ASSERT_EQ(find(pages[p].second, 7777, 0), 1);
-  }
-  EXPECT_EQ(ctx()->pages_read, 5121u);
-  EXPECT_EQ(find(pages[1].second, 7777, 0), 1);  // still held
-  EXPECT_EQ(ctx()->pages_read, 5121u);
-  EXPECT_EQ(find(pages[0].second, 7777, 0), 1);  // evicted: read again
-  EXPECT_EQ(ctx()->pages_read, 5122u);
 }
 
 TEST_F(Fci, RangeMd5DigestsUpToTheEnd) {
