@@ -13,8 +13,11 @@ bool smtp_relay::start(const std::string& folder,
                        const std::vector<std::string>& extra) {
   dir = folder;
   std::string port_file = new_port_file("smtp");
-  std::vector<std::string> argv = {"python3", SMTP_RELAY_SCRIPT, "--dir",
-                                   dir,       "--port-file",     port_file};
+  // The full path as argv[0] too: from a bare name Python finds its library
+  // through PATH, which may lead to another interpreter without aiosmtpd.
+  std::vector<std::string> argv = {
+      "/usr/bin/python3", SMTP_RELAY_SCRIPT, "--dir", dir,
+      "--port-file",      port_file};
   argv.insert(argv.end(), extra.begin(), extra.end());
   return port_process::start("/usr/bin/python3", argv, port_file);
 }
