@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "kfs/server/store.h"
+#include "lib/hex.h"
 #include "tests/kfs/server/test_client.h"
 
 namespace {
@@ -105,10 +106,7 @@ TEST_F(Cli, KeyFilesInTheAgentFormat) {
   ASSERT_EQ(file.size(), 24u + 33u + 33u) << file;
   EXPECT_EQ(file.substr(0, 24), "| account key of user 9\n");
   uint8_t key9[32];
-  for (int i = 0; i < 32; ++i) {
-    std::string digits = file.substr(24 + (i / 16) * 33 + (i % 16) * 2, 2);
-    key9[i] = static_cast<uint8_t>(std::stoi(digits, nullptr, 16));
-  }
+  hex_decode((file.substr(24, 32) + file.substr(57, 32)).c_str(), 32, key9);
 
   // Written by hand: hex digits in a comment, blanks, an end marker with
   // more digits behind it; the key is kKey7.
