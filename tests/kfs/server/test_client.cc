@@ -51,13 +51,6 @@ bool closed_by_server(int sock) {
   return false;
 }
 
-Bytes md5_of(const Bytes& data) {
-  Bytes out(16);
-  unsigned int n = 0;
-  EVP_Digest(data.data(), data.size(), out.data(), &n, EVP_md5(), nullptr);
-  return out;
-}
-
 const uint8_t kKey7[32] = {7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7,
                            7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7};
 const uint8_t kKey8[32] = {8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8,

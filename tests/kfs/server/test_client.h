@@ -33,8 +33,6 @@ uint32_t release(kfs_session* s, uint8_t flags);
 // whatever it sent first is dropped.
 bool closed_by_server(int sock);
 
-Bytes md5_of(const Bytes& data);
-
 // Account keys of the two users every fixture has: 7 "alice", 8 "bob".
 extern const uint8_t kKey7[32];
 extern const uint8_t kKey8[32];
