@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
+#include <zlib.h>
 
 #include "kfs/client/kfs.h"
 
@@ -55,27 +55,33 @@ std::string be32(uint32_t v) {
   return be16(v >> 16) + be16(v & 0xFFFF);
 }
 
-// A packet as the client's own code frames it (its bytes are checked
-// against OpenSSL's in the transport tests), caught on a socket pair so
-// that a fault can be put into it.
-std::string packet(kfs_packet_cipher* cipher, uint8_t type, uint16_t sequence,
-                   uint8_t status, const std::string& body) {
-  auto m = std::make_unique<kfs_message>();
-  memcpy(m->buffer, body.data(), body.size());
-  m->sequence = sequence;
-  m->status = status;
-  kfs_request_finish(m.get(), type, static_cast<uint32_t>(body.size()));
-  int pair[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) {
-    return "";
-  }
-  kfs_packet_send(pair[0], cipher, m.get());
-  close(pair[0]);
-  std::string bytes(KFS_HEADER_SIZE + KFS_CIPHER_TEXT_SIZE, '\0');
-  ssize_t n = recv(pair[1], bytes.data(), bytes.size(), MSG_WAITALL);
-  close(pair[1]);
-  bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
-  return bytes;
+// A packet as the protocol frames it, enciphered here with EVP directly
+// rather than by the client's own code, so that the two are checked
+// against each other.
+std::string packet(int mode, const uint8_t* key, uint8_t type,
+                   uint16_t sequence, uint8_t status, const std::string& body,
+                   bool bad_crc) {
+  std::string plain = be16(static_cast<uint32_t>(body.size())) +
+                      static_cast<char>(type) + be16(sequence) +
+                      static_cast<char>(status) + body;
+  std::string cipher_text(plain.size() + 16, '\0');
+  const uint8_t iv[16] = {};
+  EVP_CIPHER_CTX* c = EVP_CIPHER_CTX_new();
+  int n = 0, last = 0;
+  EVP_EncryptInit_ex(c,
+                     mode == KFS_MODE_AES ? EVP_aes_256_cbc() : EVP_enc_null(),
+                     nullptr, key, iv);
+  auto* out = reinterpret_cast<uint8_t*>(cipher_text.data());
+  EVP_EncryptUpdate(c, out, &n, reinterpret_cast<const uint8_t*>(plain.data()),
+                    static_cast<int>(plain.size()));
+  EVP_EncryptFinal_ex(c, out + n, &last);
+  EVP_CIPHER_CTX_free(c);
+  cipher_text.resize(static_cast<size_t>(n + last));
+  uint32_t crc = static_cast<uint32_t>(
+      crc32(crc32(0L, Z_NULL, 0), reinterpret_cast<const Bytef*>(plain.data()),
+            static_cast<uInt>(plain.size())));
+  return be16(static_cast<uint32_t>(cipher_text.size())) +
+         be32(bad_crc ? crc + 1 : crc) + cipher_text;
 }
 
 bool send_all(int sock, const std::string& bytes) {
@@ -231,13 +237,12 @@ void scripted_server::serve(int sock, int connection) {
   uint8_t hello_status = fault == script_fault::hello_status
                              ? static_cast<uint8_t>(opening->value)
                              : 0;
-  std::unique_ptr<kfs_packet_cipher, void (*)(kfs_packet_cipher*)> cipher(
-      kfs_cipher_new(mode, client_half, 0), kfs_cipher_free);
-  if (!send_all(sock,
-                packet(cipher.get(), KFS_RESPONSE, 0, hello_status, hello))) {
+  if (!send_all(sock, packet(mode, client_half, KFS_RESPONSE, 0, hello_status,
+                             hello, false))) {
     return;
   }
-  kfs_cipher_set_key(cipher.get(), key_bytes);
+  std::unique_ptr<kfs_packet_cipher, void (*)(kfs_packet_cipher*)> cipher(
+      kfs_cipher_new(mode, key_bytes, 0), kfs_cipher_free);
   auto in = std::make_unique<kfs_message>();
   uint8_t last_status = 0;  // of the last reply the client could read
   while (kfs_packet_recv(sock, cipher.get(), in.get()) == 0) {
@@ -284,10 +289,8 @@ void scripted_server::serve(int sock, int connection) {
       status = value;
     }
     bool bad_crc = f == script_fault::reply_bad_crc;
-    std::string bytes = packet(cipher.get(), type, sequence, status, reply);
-    if (bad_crc && bytes.size() > 2) {
-      bytes[2] = static_cast<char>(bytes[2] ^ 1);
-    }
+    std::string bytes =
+        packet(mode, key_bytes, type, sequence, status, reply, bad_crc);
     if (f == script_fault::reply_trailing) {
       bytes.append(s->value, '\0');
     }

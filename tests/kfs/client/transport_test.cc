@@ -1,16 +1,15 @@
-// Packets over a real socket pair in both cipher modes; the expected bytes
-// are computed here with zlib and EVP directly.
+// Packets over a real socket pair in both cipher modes: what the peer does
+// with damage and with a closed socket. Their bytes are checked against
+// OpenSSL and zlib by the scripted server (tests/support), which frames its
+// replies itself.
 #include <errno.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
-#include <zlib.h>
 
 #include "kfs/client/kfs.h"
 
@@ -21,32 +20,6 @@ using Bytes = std::vector<uint8_t>;
 const uint8_t kKey[32] = {1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11,
                           12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22,
                           23, 24, 25, 26, 27, 28, 29, 30, 31, 32};
-
-// The packet the sender must produce for a plain message.
-Bytes expected_packet(int mode, const Bytes& plain) {
-  const uint8_t iv[16] = {};
-  Bytes payload(plain.size() + 16);
-  int n = 0, last = 0;
-  EVP_CIPHER_CTX* c = EVP_CIPHER_CTX_new();
-  EVP_EncryptInit_ex(c,
-                     mode == KFS_MODE_AES ? EVP_aes_256_cbc() : EVP_enc_null(),
-                     nullptr, kKey, iv);
-  EVP_EncryptUpdate(c, payload.data(), &n, plain.data(),
-                    static_cast<int>(plain.size()));
-  EVP_EncryptFinal_ex(c, payload.data() + n, &last);
-  EVP_CIPHER_CTX_free(c);
-  payload.resize(static_cast<size_t>(n + last));
-  auto crc = static_cast<uint32_t>(crc32(crc32(0L, Z_NULL, 0), plain.data(),
-                                         static_cast<uInt>(plain.size())));
-  uint64_t header = static_cast<uint64_t>(payload.size()) << 32 | crc;
-  Bytes packet(6);
-  for (int i = 0; i < 6; ++i) {
-    packet[i] = static_cast<uint8_t>(header >> (40 - 8 * i));
-  }
-  packet.resize(6 + payload.size());
-  std::copy(payload.begin(), payload.end(), packet.begin() + 6);
-  return packet;
-}
 
 class Packets : public testing::TestWithParam<int> {
  protected:
@@ -60,9 +33,8 @@ class Packets : public testing::TestWithParam<int> {
     close(fds_[1]);  // -1 once a test has closed it
   }
 
-  // Builds a reply with a body of n patterned bytes into out_ and returns
-  // its plain bytes.
-  Bytes build(uint32_t n) {
+  // Sends a reply with a body of n patterned bytes.
+  void send(uint32_t n) {
     kfs_body body;
     kfs_body_begin(out_.get(), &body);
     for (uint32_t i = 0; i < n; ++i) {
@@ -71,7 +43,10 @@ class Packets : public testing::TestWithParam<int> {
     out_->sequence = 0;
     out_->status = ERR_EXISTS;
     kfs_request_finish(out_.get(), KFS_STAT + KFS_RESPONSE, body.length);
-    return Bytes(out_->buffer, out_->buffer + KFS_HEADER_SIZE + n);
+    EXPECT_EQ(kfs_packet_send(fds_[0], sender_, out_.get()), 0u);
+  }
+  Bytes body_of(const kfs_message& m, size_t offset = 0) {
+    return Bytes(m.buffer + offset, m.buffer + offset + m.data_length);
   }
 
   int fds_[2] = {-1, -1};
@@ -81,42 +56,31 @@ class Packets : public testing::TestWithParam<int> {
   std::unique_ptr<kfs_message> in_ = std::make_unique<kfs_message>();
 };
 
-TEST_P(Packets, BytesOnTheWireAndBack) {
-  for (uint32_t n : {0u, 1u, 9u, 10u, 1000u, KFS_MAX_BODY}) {
+TEST_P(Packets, RoundTripsEveryBodySize) {
+  for (uint32_t n : {0u, 1u, 1000u, KFS_MAX_BODY}) {
     SCOPED_TRACE(n);
-    Bytes plain = build(n);
-    Bytes want = expected_packet(GetParam(), plain);
-    // Twice: equal messages give equal packets (a fresh chain each time).
-    for (int round = 0; round < 2; ++round) {
-      ASSERT_EQ(kfs_packet_send(fds_[0], sender_, out_.get()), 0u);
-      Bytes got(want.size());
-      sock_read_all(fds_[1], got.data(), static_cast<int64_t>(got.size()));
-      EXPECT_EQ(got, want);
-    }
-    ASSERT_EQ(kfs_packet_send(fds_[0], sender_, out_.get()), 0u);
+    send(n);
     ASSERT_EQ(kfs_packet_recv(fds_[1], receiver_, in_.get()), 0u);
-    Bytes header = {static_cast<uint8_t>(in_->data_length >> 8),
-                    static_cast<uint8_t>(in_->data_length),
-                    in_->type,
-                    static_cast<uint8_t>(in_->sequence >> 8),
-                    static_cast<uint8_t>(in_->sequence),
-                    in_->status};
-    header.insert(header.end(), in_->buffer, in_->buffer + n);
-    EXPECT_EQ(header, plain);
+    EXPECT_EQ(in_->type, KFS_STAT + KFS_RESPONSE);
+    EXPECT_EQ(in_->status, ERR_EXISTS);
+    EXPECT_EQ(body_of(*in_), body_of(*out_, KFS_HEADER_SIZE));
   }
 }
 
 // A damaged packet, or one longer than any message (length 0 stands for
 // 65536), is read whole and dropped: the good one behind it arrives.
 TEST_P(Packets, BadPacketIsDroppedAndTheStreamStaysInStep) {
-  Bytes good = expected_packet(GetParam(), build(40));
-  Bytes huge(6 + 65536, 0);
-  std::vector<Bytes> bad = {huge};
-  for (size_t at :
-       {size_t{2}, size_t{5}, size_t{6}, size_t{20}, good.size() - 1}) {
+  send(40);
+  Bytes good(KFS_HEADER_SIZE + KFS_CIPHER_TEXT_SIZE);
+  good.resize(static_cast<size_t>(recv(fds_[1], good.data(), good.size(), 0)));
+  ASSERT_GT(good.size(), 46u);
+  std::vector<Bytes> bad = {Bytes(6 + 65536, 0)};
+  for (size_t at : {2, 5, 6, 20}) {
     bad.push_back(good);
     bad.back()[at] ^= 0x40;
   }
+  bad.push_back(good);
+  bad.back().back() ^= 0x40;
   for (size_t i = 0; i < bad.size(); ++i) {
     SCOPED_TRACE(i);
     for (const Bytes* b : {&bad[i], &good}) {
@@ -131,12 +95,11 @@ TEST_P(Packets, BadPacketIsDroppedAndTheStreamStaysInStep) {
               0u);
     EXPECT_EQ(raw_length, good.size());
     EXPECT_EQ(raw, good);
-    EXPECT_EQ(in_->data_length, 40);
+    EXPECT_EQ(body_of(*in_), body_of(*out_, KFS_HEADER_SIZE));
   }
 }
 
 TEST_P(Packets, ClosedPeerIsAnErrorNotASignal) {
-  build(10);
   EXPECT_EQ(sock_is_idle(fds_[0]), 1);
   ASSERT_EQ(fd_write_all(fds_[1], "ab", 2), 2);
   close(fds_[1]);
