@@ -13,36 +13,29 @@
 
 namespace {
 
-int64_t utc(int month, int day, int hour) {
-  struct tm tm = {};
-  tm.tm_year = 2026 - 1900;
-  tm.tm_mon = month - 1;
-  tm.tm_mday = day;
-  tm.tm_hour = hour;
-  return timegm(&tm);
-}
-
 // Job "n": 02:00 every day of 2026's first quarter, and two more on
 // 31 March (03:00, 14:00); job "w": three Sundays of March. Each point is
 // named "<job> <month>-<day> <hour>".
 std::vector<kfsd_point> calendar() {
   std::vector<kfsd_point> out;
   auto add = [&](const char* job, int month, int day, int hour) {
+    struct tm tm = {};
+    tm.tm_year = 2026 - 1900;
+    tm.tm_mon = month - 1;
+    tm.tm_mday = day;  // beyond the month's end: into the next
+    tm.tm_hour = hour;
     kfsd_point p;
     p.id = static_cast<int64_t>(out.size()) + 1;
-    p.time = utc(month, day, hour);
+    p.time = timegm(&tm);
     p.job = job;
     p.job_file = std::string(job) + ".job";
-    char name[64];
-    snprintf(name, sizeof name, "%s %02d-%02d %02d", job, month, day, hour);
-    p.name = name;
+    char name[32];
+    strftime(name, sizeof name, " %m-%d %H", &tm);
+    p.name = job + std::string(name);
     out.push_back(p);
   };
-  const int days[] = {31, 28, 31};
-  for (int m = 1; m <= 3; ++m) {
-    for (int d = 1; d <= days[m - 1]; ++d) {
-      add("n", m, d, 2);
-    }
+  for (int day = 1; day <= 31 + 28 + 31; ++day) {
+    add("n", 1, day, 2);
   }
   add("n", 3, 31, 3);
   add("n", 3, 31, 14);
@@ -96,10 +89,12 @@ TEST(Retention, Durations) {
   const struct {
     const char* text;
     int64_t seconds;  // -1: refused
-  } rows[] = {{"12h", 43200},      {"7d", 604800},   {"2w", 1209600},
-              {"1y6m", 47088000},  {"6m", 15552000}, {"", -1},
-              {"7", -1},           {"d", -1},        {"3x", -1},
-              {"99999999999d", -1}};
+  } rows[] = {{"12h", 43200},   {"7d", 604800},
+              {"2w", 1209600},  {"1y6m", 47088000},
+              {"6m", 15552000}, {"", -1},
+              {"7", -1},        {"d", -1},
+              {"3x", -1},       {"99999999999d", -1},
+              {"d1d", -1}};
   for (const auto& row : rows) {
     int64_t got = -1;
     EXPECT_EQ(kfsd_parse_duration(row.text, &got), row.seconds >= 0)
