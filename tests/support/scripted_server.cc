@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -35,14 +36,11 @@ std::string pem_of(EVP_PKEY* key) {
 
 const key_set& keys() {
   static const key_set set = [] {
-    key_set k;
-    k.rsa = EVP_RSA_gen(2048);
-    k.rsa_pem = pem_of(k.rsa);
     EVP_PKEY* small = EVP_RSA_gen(1024);
-    k.rsa_1024_pem = pem_of(small);
-    EVP_PKEY_free(small);
     EVP_PKEY* ec = EVP_EC_gen("P-256");
-    k.ec_pem = pem_of(ec);
+    key_set k = {EVP_RSA_gen(2048), "", pem_of(small), pem_of(ec)};
+    k.rsa_pem = pem_of(k.rsa);
+    EVP_PKEY_free(small);
     EVP_PKEY_free(ec);
     return k;
   }();
@@ -199,15 +197,13 @@ void scripted_server::serve(int sock, int connection) {
   const script_step* opening =
       step(script_fault::key_damaged, script_fault::hello_status, connection);
   script_fault fault = opening != nullptr ? opening->fault : script_fault::none;
-  std::string key = keys().rsa_pem;
-  if (fault == script_fault::key_damaged) {
-    key =
-        "-----BEGIN PUBLIC KEY-----\nbm90IGEga2V5\n-----END PUBLIC KEY-----\n";
-  } else if (fault == script_fault::key_not_rsa) {
-    key = keys().ec_pem;
-  } else if (fault == script_fault::key_rsa_1024) {
-    key = keys().rsa_1024_pem;
-  } else if (fault == script_fault::key_padded) {
+  std::string key = fault == script_fault::key_not_rsa    ? keys().ec_pem
+                    : fault == script_fault::key_rsa_1024 ? keys().rsa_1024_pem
+                    : fault == script_fault::key_damaged
+                        ? "-----BEGIN PUBLIC KEY-----\nbm90IGEga2V5\n"
+                          "-----END PUBLIC KEY-----\n"
+                        : keys().rsa_pem;
+  if (fault == script_fault::key_padded) {
     key.resize(opening->value, '\n');
   }
   // After a key it cannot use, a client sends nothing more: the read below
@@ -245,7 +241,6 @@ void scripted_server::serve(int sock, int connection) {
                              hello, false))) {
     return;
   }
-
   std::unique_ptr<kfs_packet_cipher, void (*)(kfs_packet_cipher*)> cipher(
       kfs_cipher_new(mode, key_bytes, 0), kfs_cipher_free);
   auto in = std::make_unique<kfs_message>();
@@ -259,11 +254,11 @@ void scripted_server::serve(int sock, int connection) {
           {connection, in->type, in->sequence, in->status, body});
       if (in->sequence != 0 || in->type == 0 || in->type >= KFS_RESPONSE ||
           in->status != last_status) {
-        malformed_ += "request " + std::to_string(n) + " (type " +
-                      std::to_string(in->type) + "): sequence " +
-                      std::to_string(in->sequence) + ", status " +
-                      std::to_string(in->status) + " after " +
-                      std::to_string(last_status) + "\n";
+        char line[100];
+        snprintf(line, sizeof line,
+                 "request %d (type %d): sequence %d, status %d after %d\n", n,
+                 in->type, in->sequence, in->status, last_status);
+        malformed_ += line;
       }
     }
     bool no_ack = in->type == KFS_FILE_WRITE && body.size() > 1 &&

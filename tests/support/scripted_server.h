@@ -64,7 +64,6 @@ class scripted_server {
   // Closes every socket and joins the thread; idempotent.
   void stop();
   int port() const { return port_; }
-  int connections() const { return connections_; }
 
   std::vector<seen_request> requests() const;
   // What broke the client's rules, one line a request: a sequence other

@@ -17,16 +17,12 @@
 
 namespace {
 
-using fault = script_fault;
+using f = script_fault;
 
 std::vector<unsigned> sleeps;
 void record_sleep(unsigned seconds) {
   sleeps.push_back(seconds);
 }
-
-// What the client does in a row: a request through kfs_transact, or one
-// kfs_connect straight to the server with a request staged.
-enum class op { stat, connect };
 
 class Session : public TempDirTest {
  protected:
@@ -66,8 +62,10 @@ class Session : public TempDirTest {
                             std::to_string(server_.port()) + "\n");
   }
 
-  uint32_t run(op what) {
-    if (what == op::stat) {
+  // A stat through kfs_transact, or one kfs_connect straight to the server
+  // with a stat staged.
+  uint32_t run(bool connect = false) {
+    if (!connect) {
       kfs_stat_args a = {};
       a.path = "/7/a";
       return kfs_stat(s_.get(), &a);
@@ -90,109 +88,59 @@ class Session : public TempDirTest {
   std::unique_ptr<kfs_session> s_;
 };
 
+// Each row's requests are stats, but for a fault in the opening of the
+// first connection: then the first is a kfs_connect straight to the server.
 TEST_F(Session, AgainstAServerThatMisbehaves) {
-  const std::vector<op> two = {op::stat, op::stat};
+  const uint32_t SEQ = ERR_SEQUENCE, READ = ERR_SCKREAD, IO = ERR_IO;
   const struct {
     const char* name;
     std::vector<script_step> script;  // request 0 is the first login
-    std::vector<op> ops;
-    std::vector<uint32_t> want;
-    std::vector<unsigned> waits;
+    std::vector<uint32_t> want;       // one a request
+    std::vector<unsigned> waits = {};
   } rows[] = {
-      {"well behaved", {}, two, {0, 0}, {}},
-      {"reply of the request's own type",
-       {{fault::reply_type, 1, KFS_STAT}},
-       two,
-       {ERR_SEQUENCE, 0},
-       {}},
-      {"reply of another request's type",
-       {{fault::reply_type, 1, KFS_MOVE + KFS_RESPONSE}},
-       two,
-       {ERR_SEQUENCE, 0},
-       {}},
-      {"reply with sequence 1",
-       {{fault::reply_sequence, 1, 1}},
-       two,
-       {ERR_SEQUENCE, 0},
-       {}},
-      {"a reply's sequence is not carried over a re-connection",
-       {{fault::reply_sequence, 1, 7}, {fault::reply_drop, 2}},
-       {op::stat, op::stat, op::stat},
-       {ERR_SEQUENCE, ERR_SCKREAD, 0},
+      {"well behaved", {}, {0, 0}},
+      {"reply of its own type", {{f::reply_type, 1, KFS_STAT}}, {SEQ, 0}},
+      {"another's type", {{f::reply_type, 1, KFS_MOVE + 128}}, {SEQ, 0}},
+      {"reply with sequence 1", {{f::reply_sequence, 1, 1}}, {SEQ, 0}},
+      // A reply's sequence is not carried over a re-connection.
+      {"sequence 7",
+       {{f::reply_sequence, 1, 7}, {f::reply_drop, 2}},
+       {SEQ, READ, 0},
        {30}},
-      {"an error status is echoed until the next handshake",
-       {{fault::reply_status, 1, ERR_EXISTS}, {fault::reply_drop, 3}},
-       {op::stat, op::stat, op::stat, op::stat},
-       {ERR_EXISTS, 0, ERR_SCKREAD, 0},
+      // An error status is echoed until the next handshake.
+      {"status",
+       {{f::reply_status, 1, ERR_EXISTS}, {f::reply_drop, 3}},
+       {ERR_EXISTS, 0, READ, 0},
        {30}},
-      {"bad checksum: dropped, the stream stays in step",
-       {{fault::reply_bad_crc, 1}},
-       two,
-       {ERR_SCKREAD, 0},
-       {}},
-      {"stray bytes after a reply: the next request re-connects",
-       {{fault::reply_trailing, 1, 5}},
-       two,
-       {0, 0},
-       {30}},
-      {"dropped link: one re-connection after the wait",
-       {{fault::reply_drop, 1}},
-       two,
-       {ERR_SCKREAD, 0},
-       {30}},
-      {"dropped at the login of the first connection",
-       {{fault::reply_drop, 0}},
-       two,
-       {ERR_IO, 0},
-       {30}},
+      // Dropped, the stream stays in step.
+      {"bad checksum", {{f::reply_bad_crc, 1}}, {READ, 0}},
+      // The next request re-connects.
+      {"stray bytes after a reply", {{f::reply_trailing, 1, 5}}, {0, 0}, {30}},
+      // One re-connection after the wait.
+      {"dropped link", {{f::reply_drop, 1}}, {READ, 0}, {30}},
+      {"dropped at the first login", {{f::reply_drop, 0}}, {IO, 0}, {30}},
       {"damaged key on the re-connection, then a good one",
-       {{fault::reply_drop, 1}, {fault::key_damaged, 1}},
-       {op::stat, op::stat, op::stat},
-       {ERR_SCKREAD, ERR_IO, 0},
+       {{f::reply_drop, 1}, {f::key_damaged, 1}},
+       {READ, IO, 0},
        {30, 30}},
-      {"key text that is no key",
-       {{fault::key_damaged, 0}},
-       {op::connect, op::stat},
-       {ERR_BADPATH, 0},
-       {}},
-      {"key that is not RSA",
-       {{fault::key_not_rsa, 0}},
-       {op::connect, op::stat},
-       {ERR_IO, 0},
-       {}},
-      {"RSA key too short",
-       {{fault::key_rsa_1024, 0}},
-       {op::connect, op::stat},
-       {ERR_IO, 0},
-       {}},
-      {"key text of 511 bytes",
-       {{fault::key_padded, 0, 511}},
-       {op::connect, op::stat},
-       {0, 0},
-       {}},
-      {"key text of 512 bytes",
-       {{fault::key_padded, 0, 512}},
-       {op::connect, op::stat},
-       {ERR_INVARG, 0},
-       {}},
-      {"handshake reply of 31 bytes",
-       {{fault::hello_short, 0}},
-       {op::connect, op::stat},
-       {ERR_ACCESS, 0},
-       {}},
-      {"handshake reply with a status",
-       {{fault::hello_status, 0, 4}},
-       {op::connect, op::stat},
-       {ERR_ACCESS, 0},
-       {}},
+      {"key text that is no key", {{f::key_damaged, 0}}, {ERR_BADPATH, 0}},
+      {"key that is not RSA", {{f::key_not_rsa, 0}}, {IO, 0}},
+      {"RSA key too short", {{f::key_rsa_1024, 0}}, {IO, 0}},
+      {"key text of 511 bytes", {{f::key_padded, 0, 511}}, {0, 0}},
+      {"key text of 512 bytes", {{f::key_padded, 0, 512}}, {ERR_INVARG, 0}},
+      {"handshake reply of 31 bytes", {{f::hello_short, 0}}, {ERR_ACCESS, 0}},
+      {"handshake reply, status", {{f::hello_status, 0, 4}}, {ERR_ACCESS, 0}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     fresh_session();
     serve(row.script);
+    bool connect = !row.script.empty() && row.script[0].at == 0 &&
+                   row.script[0].fault >= f::key_damaged &&
+                   row.script[0].fault <= f::hello_status;
     std::vector<uint32_t> got;
-    for (op what : row.ops) {
-      got.push_back(run(what));
+    for (size_t i = 0; i < row.want.size(); ++i) {
+      got.push_back(run(connect && i == 0));
     }
     EXPECT_EQ(got, row.want);
     EXPECT_EQ(sleeps, row.waits);
@@ -209,8 +157,8 @@ TEST_F(Session, FollowsARedirectAndRemembersTheServer) {
   std::string login = std::string(1, '\1') + static_cast<char>(ip.size()) + ip +
                       static_cast<char>(port >> 8) + static_cast<char>(port) +
                       std::string(42, '\0');
-  serve({{fault::reply_body, 0, 0, login}});
-  EXPECT_EQ(run(op::stat), 0u);
+  serve({{f::reply_body, 0, 0, login}});
+  EXPECT_EQ(run(), 0u);
   EXPECT_EQ(read_file("hosts.agent"), ip + ":" + std::to_string(port) + "\n");
   EXPECT_EQ(s_->port, static_cast<uint32_t>(port));
   EXPECT_EQ(target.requests().size(), 2u);  // the second login, the stat
@@ -223,29 +171,29 @@ TEST_F(Session, RefusalsBeforeAnyTraffic) {
   EXPECT_EQ(kfs_session_open(s_.get()), ERR_INVARG);
   s_->auth_mode = AUTH_MODE_AGENT;
   s_->encryption_mode = 0;
-  EXPECT_EQ(run(op::stat), ERR_ACCESS);
+  EXPECT_EQ(run(), ERR_ACCESS);
   s_->encryption_mode = KFS_MODE_AES;
   kfs_library_cleanup();
-  EXPECT_EQ(run(op::stat), ERR_SEQUENCE);
+  EXPECT_EQ(run(), ERR_SEQUENCE);
   kfs_library_init();
   // Comments, blanks and lines without ':' are skipped.
   write_file("hosts", "127.0.0.1:1   # dead\nword\n127.0.0.1:2\n");
-  EXPECT_EQ(run(op::stat), ERR_IO);
+  EXPECT_EQ(run(), ERR_IO);
   EXPECT_EQ(kfs_servers()->count, 2);
   EXPECT_EQ(kfs_servers()->servers[1].port, 2u);
   // Only a last-known server: it is used.
   write_file("hosts", "");
   write_file("hosts.agent", "127.0.0.1:" + std::to_string(server_.port()));
-  EXPECT_EQ(run(op::stat), 0u);
+  EXPECT_EQ(run(), 0u);
   kfs_session_disconnect(s_.get());
   s_->last_servers_path[0] = '\0';
-  EXPECT_EQ(run(op::stat), ERR_IO);
+  EXPECT_EQ(run(), ERR_IO);
   remove_tree("hosts");
-  EXPECT_EQ(run(op::stat), ERR_BADPATH);
+  EXPECT_EQ(run(), ERR_BADPATH);
   // A stale temporary key file blocks every connection.
   serve({});
   write_file("temp_pem_file.pem", "");
-  EXPECT_EQ(run(op::stat), ERR_IO);
+  EXPECT_EQ(run(), ERR_IO);
   EXPECT_EQ(server_.malformed(), "");
 }
 

@@ -3,12 +3,14 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "kfs/server/store.h"
+#include "lib/hex.h"
 #include "tests/kfs/server/test_client.h"
 
 namespace {
@@ -18,6 +20,10 @@ class Cli : public KfsdFixture {
   run_result kfsd(std::vector<std::string> args) {
     args.insert(args.begin(), "kfsd");
     return run_program(KFSD_PATH, args);
+  }
+  // Logs in as uid over a fresh connection: the login's status.
+  uint32_t login(uint32_t uid, const uint8_t key[32], int at = 0) {
+    return kfs_session_open(kfsd_session(at ? at : port(), uid, key).get());
   }
 };
 
@@ -30,120 +36,59 @@ TEST_F(Cli, ErrorsAndExitStatuses) {
   write_file("noequals.conf", "listen 127.0.0.1:7001\n");
   write_file("maybe.conf", "verbose = maybe\n");
   write_file("nodata.conf", "verbose = yes\n");
-  const std::string data = data_dir();
+  // The arguments, split at blanks; D stands for the served data folder.
   const struct {
-    const char* name;
-    std::vector<std::string> args;
+    const char* args;
     int status;
     const char* says;
-  } cases[] = {
-      {"no command", {}, 2, "usage: kfsd init DIR"},
-      {"unknown command", {"start", data}, 2, "usage:"},
-      {"init into a folder in use", {"init", "full"}, 1, "not empty"},
-      {"serve a missing folder", {"serve", "missing"}, 1, "no data folder"},
-      {"serve a damaged folder", {"serve", "damaged"}, 1, "damaged/kfsd.db"},
-      {"unknown option", {"serve", data, "--fast"}, 2, "unknown argument"},
-      {"listen on a name",
-       {"serve", data, "--listen", "localhost:1"},
-       2,
-       "--listen"},
-      {"block size 0", {"serve", data, "--block-size", "0"}, 2, "--block-size"},
-      {"three announced servers",
-       {"serve", data, "--announce", "a:1", "--announce", "b:2", "--announce",
-        "c:3"},
-       2,
+  } rows[] = {
+      {"", 2, "usage: kfsd init DIR"},
+      {"start D", 2, "usage:"},
+      {"init full", 1, "not empty"},
+      {"serve missing", 1, "no data folder"},
+      {"serve damaged", 1, "damaged/kfsd.db"},
+      {"serve D --fast", 2, "unknown argument"},
+      {"serve D --listen localhost:1", 2, "--listen"},
+      {"serve D --block-size 0", 2, "--block-size"},
+      {"serve D --announce a:1 --announce b:2 --announce c:3", 2,
        "at most two"},
-      {"announced host too long",
-       {"serve", data, "--announce", "a-very-long-hostname:1"},
-       2,
-       "--announce"},
-      {"user without id",
-       {"user", "add", data, "--name", "x"},
-       2,
-       "--id and --name"},
-      {"negative id",
-       {"user", "add", data, "--id", "-1", "--name", "x"},
-       2,
-       "--id"},
-      {"name too long",
-       {"user", "add", data, "--id", "9", "--name", std::string(21, 'n')},
-       2,
-       "--name"},
-      {"id taken",
-       {"user", "add", data, "--id", "7", "--name", "x", "--key-file", "7.key"},
-       1,
-       "user 7 exists"},
-      {"short key",
-       {"user", "add", data, "--id", "9", "--name", "x", "--key-file",
-        "short.key"},
-       1,
-       "64 hex digits"},
-      {"user in a missing folder",
-       {"user", "add", "missing", "--id", "9", "--name", "x"},
-       1,
-       "no data folder"},
-      {"a second server on a folder in use",
-       {"serve", data},
-       1,
-       "another kfsd"},
-      {"policy of no one", {"user", "set", data, "--id", "9"}, 1, "no user 9"},
-      {"policy count",
-       {"user", "set", data, "--id", "7", "--keep-daily", "x"},
-       2,
-       "--keep-daily"},
-      {"relay settings without a relay",
-       {"serve", data, "--smtp-from", "a@b"},
-       2,
-       "need --smtp"},
-      {"relay without a port",
-       {"serve", data, "--smtp", "mail"},
-       2,
-       "HOST:PORT"},
-      {"sender that is no address",
-       {"serve", data, "--smtp", "mail:25", "--smtp-from", "a@b>\r\nRCPT"},
-       2,
+      {"serve D --announce a-very-long-hostname:1", 2, "--announce"},
+      {"user add D --name x", 2, "--id and --name"},
+      {"user add D --id -1 --name x", 2, "--id"},
+      {"user add D --id 9 --name nnnnnnnnnnnnnnnnnnnnn", 2, "--name"},
+      {"user add D --id 7 --name x --key-file 7.key", 1, "user 7 exists"},
+      {"user add D --id 9 --name x --key-file short.key", 1, "64 hex digits"},
+      {"user add missing --id 9 --name x", 1, "no data folder"},
+      {"serve D", 1, "another kfsd"},
+      {"user set D --id 9", 1, "no user 9"},
+      {"user set D --id 7 --keep-daily x", 2, "--keep-daily"},
+      {"serve D --smtp-from a@b", 2, "need --smtp"},
+      {"serve D --smtp mail", 2, "HOST:PORT"},
+      {"serve D --smtp mail:25 --smtp-from a@b>\r\nRCPT", 2,
        "not a mail address"},
-      {"relay login without a password",
-       {"serve", data, "--smtp", "mail:25", "--smtp-user", "u"},
-       2,
-       "go together"},
-      {"relay password file missing",
-       {"serve", data, "--smtp", "mail:25", "--smtp-user", "u",
-        "--smtp-password-file", "missing"},
-       2,
+      {"serve D --smtp mail:25 --smtp-user u", 2, "go together"},
+      {"serve D --smtp mail:25 --smtp-user u --smtp-password-file missing", 2,
        "missing: No such file"},
-      {"configuration: unknown setting",
-       {"serve", "--config", "unknown.conf"},
-       2,
+      {"serve --config unknown.conf", 2,
        "unknown.conf:3: unknown setting colour"},
-      {"configuration: no =",
-       {"serve", "--config", "noequals.conf"},
-       2,
-       "noequals.conf:1: not a setting"},
-      {"configuration: switch",
-       {"serve", "--config", "maybe.conf"},
-       2,
-       "verbose takes yes or no"},
-      {"configuration: missing",
-       {"serve", "--config", "none.conf"},
-       2,
-       "none.conf: No such file"},
-      {"configuration: no data folder",
-       {"serve", "--config", "nodata.conf"},
-       2,
-       "no data folder"},
-      {"prune whom", {"prune", data}, 2, "--user N or --all"},
-      {"prune both", {"prune", data, "--user", "7", "--all"}, 2, "--all"},
-      {"prune within",
-       {"prune", data, "--all", "--keep-within", "7"},
-       2,
-       "a duration"},
+      {"serve --config noequals.conf", 2, "noequals.conf:1: not a setting"},
+      {"serve --config maybe.conf", 2, "verbose takes yes or no"},
+      {"serve --config none.conf", 2, "none.conf: No such file"},
+      {"serve --config nodata.conf", 2, "no data folder"},
+      {"prune D", 2, "--user N or --all"},
+      {"prune D --user 7 --all", 2, "--all"},
+      {"prune D --all --keep-within 7", 2, "a duration"},
   };
-  for (const auto& t : cases) {
-    SCOPED_TRACE(t.name);
-    run_result r = kfsd(t.args);
-    EXPECT_EQ(r.exit_code, t.status);
-    EXPECT_NE(r.err.find(t.says), std::string::npos) << r.err;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.args);
+    std::vector<std::string> args;
+    std::istringstream words(row.args);
+    for (std::string w; std::getline(words, w, ' ');) {
+      args.push_back(w == "D" ? data_dir() : w);
+    }
+    run_result r = kfsd(args);
+    EXPECT_EQ(r.exit_code, row.status);
+    EXPECT_NE(r.err.find(row.says), std::string::npos) << r.err;
   }
 }
 
@@ -161,10 +106,7 @@ TEST_F(Cli, KeyFilesInTheAgentFormat) {
   ASSERT_EQ(file.size(), 24u + 33u + 33u) << file;
   EXPECT_EQ(file.substr(0, 24), "| account key of user 9\n");
   uint8_t key9[32];
-  for (int i = 0; i < 32; ++i) {
-    std::string digits = file.substr(24 + (i / 16) * 33 + (i % 16) * 2, 2);
-    key9[i] = static_cast<uint8_t>(std::stoi(digits, nullptr, 16));
-  }
+  hex_decode((file.substr(24, 32) + file.substr(57, 32)).c_str(), 32, key9);
 
   // Written by hand: hex digits in a comment, blanks, an end marker with
   // more digits behind it; the key is kKey7.
@@ -175,12 +117,9 @@ TEST_F(Cli, KeyFilesInTheAgentFormat) {
                   "--key-file", "hand.key"})
                 .exit_code,
             0);
-
-  test_client c;
-  ASSERT_TRUE(c.connect(port()));
-  EXPECT_EQ(c.login(9, key9), 0);
-  EXPECT_EQ(c.login(10, kKey7), 0);
-  EXPECT_EQ(c.login(10, kKey8), ERR_AUTH_FAILURE);
+  EXPECT_EQ(login(9, key9), 0u);
+  EXPECT_EQ(login(10, kKey7), 0u);
+  EXPECT_EQ(login(10, kKey8), ERR_AUTH_FAILURE);
 }
 
 // A run's lock and an operator's command on the same user exclude each
@@ -188,10 +127,9 @@ TEST_F(Cli, KeyFilesInTheAgentFormat) {
 TEST_F(Cli, OperatorCommandsAndTheUserLock) {
   const std::string data = data_dir();
   const auto npos = std::string::npos;
-  test_client run7;
-  ASSERT_TRUE(run7.connect(port()));
-  ASSERT_EQ(run7.login(7, kKey7), 0);
-  ASSERT_EQ(run7.lock(7), 0);
+  session_ptr run7 = kfsd_session(port(), 7, kKey7);
+  ASSERT_EQ(kfs_session_open(run7.get()), 0u);
+  ASSERT_EQ(lock(run7.get(), 7), 0u);
   run_result r = kfsd({"user", "remove", data, "--id", "7"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.err.find("user 7 is locked by a backup run"), npos) << r.err;
@@ -199,16 +137,15 @@ TEST_F(Cli, OperatorCommandsAndTheUserLock) {
   EXPECT_NE(r.out.find("\"last_run\": 0, \"locked\": true}, {\"id\": 8"), npos)
       << r.out;
 
-  test_client run8;
-  ASSERT_TRUE(run8.connect(port()));
-  ASSERT_EQ(run8.login(8, kKey8), 0);
+  session_ptr run8 = kfsd_session(port(), 8, kKey8);
+  ASSERT_EQ(kfs_session_open(run8.get()), 0u);
   {
     unique_fd removing(kfsd_user_lock_take(data, 8));
     ASSERT_TRUE(removing);
-    EXPECT_EQ(run8.lock(8), ERR_ACCESS);
+    EXPECT_EQ(lock(run8.get(), 8), ERR_ACCESS);
   }
-  EXPECT_EQ(run8.lock(8), 0);
-  run8.disconnect();
+  EXPECT_EQ(lock(run8.get(), 8), 0u);
+  kfs_session_disconnect(run8.get());
 
   ASSERT_EQ(kfsd({"user", "set", data, "--id", "8", "--quota", "5000",
                   "--email", "bob@example.org"})
@@ -219,8 +156,7 @@ TEST_F(Cli, OperatorCommandsAndTheUserLock) {
       << r.out;
   r = kfsd({"user", "remove", data, "--id", "8"});
   EXPECT_EQ(r.exit_code, 0) << r.err;
-  ASSERT_TRUE(run8.connect(port()));
-  EXPECT_EQ(run8.login(8, kKey8), ERR_AUTH_FAILURE);
+  EXPECT_EQ(login(8, kKey8), ERR_AUTH_FAILURE);
   r = kfsd({"user", "list", data, "--json"});
   EXPECT_EQ(r.out.find("\"id\": 8"), npos) << r.out;
 }
@@ -237,20 +173,19 @@ TEST_F(Cli, ServesFromAConfigurationFile) {
                    {"kfsd", "serve", "--config", "kfsd.conf", "--listen",
                     "127.0.0.1:0", "--port-file", port_file},
                    port_file));
-  test_client c;
-  ASSERT_TRUE(c.connect(server.port()));
-  EXPECT_EQ(c.login(7, kKey7), ERR_AUTH_FAILURE);  // no users there
+  EXPECT_EQ(login(7, kKey7, server.port()), ERR_AUTH_FAILURE);  // no users
 }
 
 TEST_F(Cli, StopsPromptlyOnSigterm) {
-  test_client c;
-  ASSERT_TRUE(c.connect(port()));  // an idle connection does not hold it up
+  // An idle connection does not hold it up.
+  session_ptr idle = kfsd_session(port(), 7, kKey7);
+  ASSERT_EQ(kfs_session_open(idle.get()), 0u);
   struct timespec before, after;
   clock_gettime(CLOCK_MONOTONIC, &before);
   server_.stop();
   clock_gettime(CLOCK_MONOTONIC, &after);
   EXPECT_LT(after.tv_sec - before.tv_sec, 3);
-  EXPECT_TRUE(c.closed_by_server());
+  EXPECT_TRUE(closed_by_server(idle->socket));
 }
 
 }  // namespace

@@ -4,11 +4,13 @@
 // run's reports from the agent through kfsd.
 #include "kfs/server/mail.h"
 
-#include <dirent.h>
 #include <stdlib.h>
 #include <time.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,31 +26,27 @@ constexpr time_t kDay = 24 * 3600;
 
 class Mail : public TempDirTest {
  protected:
-  // Puts one report in the outbox of data folder `data`; its name.
+  // Puts one report in the outbox of data folder `data`; the newest
+  // message's name.
   std::string put(const std::string& data, const std::string& recipient,
                   const std::string& text, const std::string& job = "",
                   const std::string& subject = "") {
-    kfsd_outbox_message m;
-    m.recipient = recipient;
-    m.text = text;
-    m.job = job;
-    m.subject = subject;
+    kfsd_outbox_message m = {.name = "",
+                             .recipient = recipient,
+                             .subject = subject,
+                             .job = job,
+                             .text = text};
     make_dirs(data + "/outbox");
     make_dirs(data + "/tmp");
     EXPECT_EQ(kfsd_outbox_put(data + "/outbox", data + "/tmp/m.part", m), 0);
-    std::vector<std::string> names;
-    DIR* d = opendir((data + "/outbox").c_str());
-    while (dirent* e = d ? readdir(d) : nullptr) {
-      std::string name = e->d_name;
-      if (name.size() > 4 && name.substr(name.size() - 4) == ".msg") {
-        names.push_back(name);
+    std::string newest;
+    for (const auto& e :
+         std::filesystem::directory_iterator(data + "/outbox")) {
+      if (e.path().extension() == ".msg") {
+        newest = std::max(newest, e.path().filename().string());
       }
     }
-    if (d) {
-      closedir(d);
-    }
-    std::sort(names.begin(), names.end());
-    return names.empty() ? "" : names.back();
+    return newest;
   }
 };
 
@@ -63,169 +61,129 @@ std::string place(const std::string& data, const std::string& name) {
   return "gone";
 }
 
+std::vector<std::string> words(const std::string& text, char at = ' ') {
+  std::vector<std::string> out;
+  std::istringstream in(text);
+  for (std::string w; std::getline(in, w, at);) {
+    if (!w.empty()) {
+      out.push_back(w);
+    }
+  }
+  return out;
+}
+
 TEST_F(Mail, DeliveryScheduleAgainstARealRelay) {
-  struct step {
-    time_t at;  // after the message arrived
-    bool relay_up;
-    const char* then;      // where the message is after the pass
-    bool restart = false;  // a new mailer, as after a restart of kfsd
-  };
+  const std::string ops = "ops@example.org";
+  // steps: "AT RELAY PLACE[ restart]" separated by ';': seconds (or days,
+  // with d) after the message arrived, the relay "up" or "down", where the
+  // message is after the pass, and "restart" for a new mailer first, as
+  // after a restart of kfsd.
   const struct {
     const char* name;
-    std::vector<std::string> relay_args;
+    const char* relay_args;
     std::string recipient;
-    std::vector<step> steps;
+    const char* steps;
     size_t delivered;
-    const char* answer;      // in failed/NAME.answer
-    const char* login = "";  // the mailer's "user:password"
-    bool starttls = false;
-  } cases[] = {
-      {"accepted at once, removed from sent/ after a week",
-       {},
-       "ops@example.org",
-       {{0, true, "sent"}, {6 * kDay, true, "sent"}, {8 * kDay, true, "gone"}},
-       1,
-       ""},
-      {"relay down, then up: one delivery at the next try",
-       {},
-       "ops@example.org",
-       {{0, false, "outbox"},
-        {59, true, "outbox"},
-        {60, true, "sent"},
-        {4000, true, "sent"}},
-       1,
-       ""},
-      {"a 451 answer, then accepted a minute later",
-       {"--tempfail", "1"},
-       "ops@example.org",
-       {{0, true, "outbox"}, {60, true, "sent"}},
-       1,
-       ""},
-      {"waiting after failures, then kfsd restarted: tried at once",
-       {},
-       "ops@example.org",
-       {{0, false, "outbox"}, {60, false, "outbox"}, {61, true, "sent", true}},
-       1,
-       ""},
+    const char* answer;       // in failed/NAME.answer
+    const char* mailer = "";  // its "user:password", or "tls" to insist
+  } rows[] = {
+      {"accepted at once, removed from sent/ after a week", "", ops,
+       "0 up sent; 6d up sent; 8d up gone", 1, ""},
+      {"relay down, then up: one delivery at the next try", "", ops,
+       "0 down outbox; 59 up outbox; 60 up sent; 4000 up sent", 1, ""},
+      {"a 451 answer, then accepted a minute later", "--tempfail 1", ops,
+       "0 up outbox; 60 up sent", 1, ""},
+      {"waiting after failures, then kfsd restarted: tried at once", "", ops,
+       "0 down outbox; 60 down outbox; 61 up sent restart", 1, ""},
       {"a 550 answer: failed at once, with the relay's words",
-       {"--reject", "nobody"},
-       "nobody@example.org",
-       {{0, true, "failed"}},
-       0,
+       "--reject nobody", "nobody@example.org", "0 up failed", 0,
        "550 5.1.1 <nobody@example.org>: no such mailbox here"},
-      {"two days of temporary failures",
-       {"--tempfail", "99"},
-       "ops@example.org",
-       {{0, true, "outbox"}, {2 * kDay, true, "failed"}},
-       0,
+      {"two days of temporary failures", "--tempfail 99", ops,
+       "0 up outbox; 2d up failed", 0,
        "not delivered in two days; the last answer: 451 4.3.0"},
-      {"no address: the account's, and there is no account",
-       {},
-       "",
-       {{0, true, "failed"}},
-       0,
-       "the account has no e-mail address"},
-      {"the relay's login",
-       {"--auth", "kfsd:s3cret"},
-       "ops@example.org",
-       {{0, true, "sent"}},
-       1,
-       "",
+      {"no address: the account's, and there is no account", "", "",
+       "0 up failed", 0, "the account has no e-mail address"},
+      {"the relay's login", "--auth kfsd:s3cret", ops, "0 up sent", 1, "",
        "kfsd:s3cret"},
       {"a refused login is the operator's to mend: the message waits",
-       {"--auth", "kfsd:s3cret"},
-       "ops@example.org",
-       {{0, true, "outbox"}, {2 * kDay - 1, true, "outbox"}},
-       0,
-       "",
+       "--auth kfsd:s3cret", ops, "0 up outbox; 172799 up outbox", 0, "",
        "kfsd:wrong"},
-      {"TLS required, the relay offers none: nothing sent in the clear",
-       {},
-       "ops@example.org",
-       {{0, true, "outbox"}},
-       0,
-       "",
-       "",
-       true},
+      {"TLS required, the relay offers none: nothing sent in the clear", "",
+       ops, "0 up outbox", 0, "", "tls"},
   };
   int n = 0;
-  for (const auto& t : cases) {
-    SCOPED_TRACE(t.name);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
     std::string data = dir() + "/d" + std::to_string(n++);
     int port = free_port();
     kfsd_smtp_settings settings;
     settings.host = "127.0.0.1";
     settings.port = static_cast<uint16_t>(port);
-    std::string login = t.login;
-    if (!login.empty()) {
-      settings.user = login.substr(0, login.find(':'));
-      settings.password = login.substr(login.find(':') + 1);
+    std::vector<std::string> login = words(row.mailer, ':');
+    settings.starttls = login.size() == 1;
+    if (login.size() == 2) {
+      settings.user = login[0];
+      settings.password = login[1];
     }
-    settings.starttls = t.starttls;
     auto mailer = std::make_unique<kfsd_mailer>(data, settings, nullptr);
-    std::string name = put(data, t.recipient, "report\n");
+    std::string name = put(data, row.recipient, "report\n");
     kfsd_outbox_message m;
     ASSERT_TRUE(kfsd_outbox_parse(name, "\n", &m));
     smtp_relay relay;
-    std::vector<std::string> args = {"--port", std::to_string(port)};
-    args.insert(args.end(), t.relay_args.begin(), t.relay_args.end());
-    for (const step& s : t.steps) {
-      SCOPED_TRACE(s.at);
-      if (s.restart) {
+    std::vector<std::string> args = words(row.relay_args);
+    args.insert(args.begin(), {"--port", std::to_string(port)});
+    for (const std::string& step : words(row.steps, ';')) {
+      SCOPED_TRACE(step);
+      std::vector<std::string> w = words(step);
+      time_t at = std::stol(w[0]) * (w[0].back() == 'd' ? kDay : 1);
+      if (w.size() > 3) {
         mailer = std::make_unique<kfsd_mailer>(data, settings, nullptr);
       }
-      if (s.relay_up && relay.pid() < 0) {
+      if (w[1] == "up" && relay.pid() < 0) {
         ASSERT_TRUE(relay.start(data + "/relay", args));
-      } else if (!s.relay_up) {
+      } else if (w[1] == "down") {
         relay.stop();
       }
-      mailer->pass(m.time + s.at);
-      EXPECT_EQ(place(data, name), s.then);
+      mailer->pass(m.time + at);
+      EXPECT_EQ(place(data, name), w[2]);
     }
     relay.dir = data + "/relay";
-    EXPECT_EQ(relay.received().size(), t.delivered);
-    if (*t.answer) {
+    EXPECT_EQ(relay.received().size(), row.delivered);
+    if (*row.answer) {
       std::string answer = name.substr(0, name.size() - 4) + ".answer";
-      EXPECT_NE(read_file(data + "/outbox/failed/" + answer).find(t.answer),
+      EXPECT_NE(read_file(data + "/outbox/failed/" + answer).find(row.answer),
                 std::string::npos);
     }
   }
 }
 
 TEST_F(Mail, MessagesReadByAStandardParser) {
-  std::string long_line(5000, 'x');
   const std::string html =
       "<!DOCTYPE html>\n<html><body><table><tr>"
       "<td><div>12</div><div>requested</div></td>"
       "<td><div>1</div><div>failed</div></td></tr></table>"
       "<p>caf\xc3\xa9 = 100%</p></body></html>\n";
+  const std::string yy(60, 'y');
   const struct {
-    const char* name;
     std::string job, subject, text;
-    const char* want_subject;
+    std::string want_subject;
     const char* want_type;
-  } cases[] = {
-      {"plain report with failures", "nightly", "",
-       "Files sent:    9\nFiles failed:  3\n",
-       "Backup completed with 3 failed "
-       "files: nightly",
-       "text/plain"},
-      {"HTML report with one failure", "nightly", "", html,
-       "Backup completed with 1 failed file: nightly", "text/html"},
-      {"no failures; what quoted-printable must carry", "nightly", "",
-       "Files failed: 0\n" + long_line +
-           "\n.\n.dot\nFrom here\n"
-           "trailing  \ntab\t\na=b\n\nGr\xc3\xbc\xc3\x9f"
+  } rows[] = {
+      // A plain report with failures.
+      {"nightly", "", "Files sent:    9\nFiles failed:  3\n",
+       "Backup completed with 3 failed files: nightly", "text/plain"},
+      {"nightly", "", html, "Backup completed with 1 failed file: nightly",
+       "text/html"},
+      // No failures; what quoted-printable must carry.
+      {"nightly", "",
+       "Files failed: 0\n" + std::string(5000, 'x') +
+           "\n.\n.dot\nFrom here\ntrailing  \ntab\t\na=b\n\nGr\xc3\xbc\xc3\x9f"
            "e\rcr\r\nno end",
        "Backup completed: nightly", "text/plain"},
-      {"a job name beyond ASCII", "Sicherung \xc3\xbc" + std::string(60, 'y'),
-       "", "Files failed: 0\n",
-       "Backup completed: Sicherung "
-       "\xc3\xbcyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyy"
-       "yyyyyyyyyyyyyyyyyyyyyyyy",
-       "text/plain"},
-      {"the sender's own subject", "nightly", "Hello", "hi\n", "Hello",
-       "text/plain"},
+      // A job name beyond ASCII.
+      {"Sicherung \xc3\xbc" + yy, "", "Files failed: 0\n",
+       "Backup completed: Sicherung \xc3\xbc" + yy, "text/plain"},
+      {"nightly", "Hello", "hi\n", "Hello", "text/plain"},  // its own subject
   };
   smtp_relay relay;
   ASSERT_TRUE(relay.start(dir() + "/relay"));
@@ -234,25 +192,28 @@ TEST_F(Mail, MessagesReadByAStandardParser) {
   settings.port = static_cast<uint16_t>(relay.port());
   settings.from = "kfsd@box.example";
   kfsd_mailer mailer(dir() + "/data", settings, nullptr);
-  for (const auto& t : cases) {
-    put(dir() + "/data", "ops@example.org", t.text, t.job, t.subject);
+  for (const auto& row : rows) {
+    put(dir() + "/data", "ops@example.org", row.text, row.job, row.subject);
   }
   mailer.pass(time(nullptr));
-  std::vector<received_mail> got = relay.wait_for(std::size(cases));
-  ASSERT_EQ(got.size(), std::size(cases));
+  std::vector<received_mail> got = relay.wait_for(std::size(rows));
+  ASSERT_EQ(got.size(), std::size(rows));
   for (size_t i = 0; i < got.size(); ++i) {
-    SCOPED_TRACE(cases[i].name);
+    SCOPED_TRACE(rows[i].want_subject);
     received_mail& m = got[i];
-    EXPECT_EQ(m["subject"], cases[i].want_subject);
-    EXPECT_EQ(m["content_type"], cases[i].want_type);
-    EXPECT_EQ(m["charset"], "utf-8");
-    EXPECT_EQ(m["body"], cases[i].text);
-    EXPECT_EQ(m["defects"], "");
+    received_mail want = {{"subject", rows[i].want_subject},
+                          {"content_type", rows[i].want_type},
+                          {"body", rows[i].text},
+                          {"charset", "utf-8"},
+                          {"defects", ""},
+                          {"from", "kfsd@box.example"},
+                          {"to", "ops@example.org"},
+                          {"rcpt_tos", "ops@example.org"},
+                          {"mime_version", "1.0"}};
+    for (const auto& [field, value] : want) {
+      EXPECT_EQ(m[field], value) << field;
+    }
     EXPECT_LE(std::stoi(m["longest_line"]), 78);
-    EXPECT_EQ(m["from"], "kfsd@box.example");
-    EXPECT_EQ(m["to"], "ops@example.org");
-    EXPECT_EQ(m["rcpt_tos"], "ops@example.org");
-    EXPECT_EQ(m["mime_version"], "1.0");
     EXPECT_NE(m["message_id"].find("@"), std::string::npos);
     EXPECT_NE(m["date"], "None");
   }

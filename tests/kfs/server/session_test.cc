@@ -1,11 +1,8 @@
-// The server's session side over loopback: key exchange in both cipher
-// modes, login, the user lock across connections with its stamp, login
-// redirection, and e-mail to the outbox.
-
+// The server's session side over loopback, driven by the client library:
+// key exchange in both cipher modes, login, and the user lock with its
+// stamp across connections and a killed server.
 #include <signal.h>
-
-#include <string>
-#include <vector>
+#include <string.h>
 
 #include <gtest/gtest.h>
 
@@ -15,98 +12,87 @@ namespace {
 
 class Session : public KfsdFixture {};
 
-TEST_F(Session, LoginInBothCipherModes) {
-  for (int mode : {1, KFS_MODE_AES}) {
-    SCOPED_TRACE(mode);
-    test_client c;
-    ASSERT_TRUE(c.connect(port(), mode));
-    Bytes reply;
-    ASSERT_EQ(c.login(7, kKey7, &reply), 0);
-    login_reply r = parse_login(reply);
-    EXPECT_FALSE(r.bad);
-    EXPECT_EQ(r.redirect, 0);
-    EXPECT_EQ(r.host_1, "");
-    EXPECT_EQ(r.port_1, 0);
-    EXPECT_EQ(r.account_id, 7u);
-    EXPECT_EQ(r.user_name, "alice");
-    EXPECT_EQ(r.agent_time, 0u);
-  }
-}
-
+// The key exchange in both cipher modes, then the login's checks.
 TEST_F(Session, LoginChecksUserAndKey) {
-  auto user_mode = [](const char* name, const uint8_t* key) {
-    return wire()
-        .u8(0)
-        .str8(name)
-        .str8("")
-        .raw(sha1_of_key(key))
-        .raw(Bytes(20, 0))
-        .b;
-  };
   const struct {
-    const char* name;
-    Bytes body;
-    int want;
-  } cases[] = {
-      {"agent, right key", agent_login(8, kKey8), 0},
-      {"agent, key of another user", agent_login(7, kKey8), ERR_AUTH_FAILURE},
-      {"agent, unknown user", agent_login(99, kKey8), ERR_AUTH_FAILURE},
-      {"user, name and key", user_mode("bob", kKey8), 0},
-      {"user, key of another", user_mode("alice", kKey8), ERR_AUTH_FAILURE},
-      {"web", wire().u8(4).str8("bob").str8("pw").str8("").b, ERR_AUTH_FAILURE},
+    int mode;
+    uint32_t uid;
+    const char* name;  // the user's, or as the reply gives it
+    const uint8_t* key;
+    uint32_t want;
+    int cipher = KFS_MODE_AES;
+  } rows[] = {
+      {AUTH_MODE_AGENT, 7, "alice", kKey7, 0, 1},
+      {AUTH_MODE_AGENT, 8, "bob", kKey8, 0},
+      {AUTH_MODE_AGENT, 7, "", kKey8, ERR_AUTH_FAILURE},
+      {AUTH_MODE_AGENT, 99, "", kKey8, ERR_AUTH_FAILURE},
+      {AUTH_MODE_USER, 0, "bob", kKey8, 0},
+      {AUTH_MODE_USER, 0, "alice", kKey8, ERR_AUTH_FAILURE},
+      {AUTH_MODE_WEB, 0, "bob", kKey8, ERR_AUTH_FAILURE},
   };
-  for (const auto& t : cases) {
-    SCOPED_TRACE(t.name);
-    test_client c;
-    ASSERT_TRUE(c.connect(port()));
-    EXPECT_EQ(c.call(KFS_SESSION_AUTH, t.body), t.want);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(kfs_auth_mode_name(row.mode)) + " " +
+                 std::to_string(row.uid) + row.name);
+    session_ptr s = kfsd_session(port(), row.uid, row.key, row.cipher);
+    s->auth_mode = row.mode;
+    strcpy(s->user_name, row.name);
+    strcpy(s->password, "pw");
+    ASSERT_EQ(kfs_session_open(s.get()), row.want);  // the reply parses whole
+    if (row.want == 0) {
+      EXPECT_STREQ(s->user_name, row.name);
+      EXPECT_EQ(s->account.value1, row.name[0] == 'a' ? 7u : 8u);
+      EXPECT_EQ(s->agent_time, 0u);
+      EXPECT_EQ(kfs_servers()->last_count, 0);  // no server named
+    }
     // Only a login lets the connection take its user's lock; it is given
-    // back at once, so the next case finds it free.
-    EXPECT_EQ(c.lock(8), t.want == 0 ? 0 : int{ERR_ACCESS});
-    c.call(KFS_USER_LOCK, wire().u8(1).b);
+    // back at once, so the next row finds it free.
+    uint32_t uid = row.name[0] == 'a' ? 7 : 8;
+    EXPECT_EQ(lock(s.get(), uid), row.want == 0 ? 0u : ERR_ACCESS);
+    release(s.get(), 1);
   }
-  test_client c;
-  ASSERT_TRUE(c.connect(port()));
-  EXPECT_EQ(
-      c.call(KFS_FIND_FILES, wire().u8(0).u8(0x20).str8("/7").str16("").b),
-      ERR_ACCESS);
-  ASSERT_EQ(c.login(7, kKey7), 0);
-  EXPECT_EQ(c.call(KFS_STAT, wire().u8(0).str16("/7").b), ERR_INVARG);
+  session_ptr s = kfsd_session(port(), 7, kKey7);
+  ASSERT_EQ(kfs_session_open(s.get()), 0u);
+  kfs_stat_args stat = {};
+  stat.path = "/7";
+  EXPECT_EQ(kfs_stat(s.get(), &stat), ERR_INVARG);  // no such request here
 }
 
 TEST_F(Session, ReleaseStoresStampUnlessAnUploadIsIncomplete) {
-  test_client c;
-  ASSERT_TRUE(c.connect(port()));
-  ASSERT_EQ(c.login(7, kKey7), 0);
-  ASSERT_EQ(c.lock(7), 0);
-  EXPECT_EQ(c.call(KFS_USER_LOCK, wire().u8(5).u32(1700000000).b), 0);
-  Bytes reply;
-  ASSERT_EQ(c.login(7, kKey7, &reply), 0);
-  EXPECT_EQ(parse_login(reply).agent_time, 1700000000u);
-
-  // An upload closed with its only block missing.
-  ASSERT_EQ(c.lock(7), 0);
-  Bytes open = wire().u8(1).u32(5).str16("/7/f").u32(0).u32(10).u16(0).b;
-  Bytes opened;
-  ASSERT_EQ(c.call(KFS_FILE_WOPEN, open, &opened), 0);
-  ASSERT_TRUE(c.send(KFS_FILE_CLOSE, wire().u8(opened[0]).b));
-  EXPECT_EQ(c.call(KFS_USER_LOCK, wire().u8(5).u32(1700000100).b), 0);
-  ASSERT_EQ(c.login(7, kKey7, &reply), 0);
-  EXPECT_EQ(parse_login(reply).agent_time, 0u);
+  session_ptr s = kfsd_session(port(), 7, kKey7);
+  // The stamp a release stores, then the one after an upload closed with
+  // its only block missing.
+  for (uint32_t stamp : {1700000000u, 1700000100u}) {
+    SCOPED_TRACE(stamp);
+    ASSERT_EQ(kfs_session_open(s.get()), 0u);
+    ASSERT_EQ(lock(s.get(), 7), 0u);
+    if (stamp == 1700000100u) {
+      kfs_wopen_args w = {};
+      w.flags = 1;
+      w.value_a = 5;
+      w.path = "/7/f";
+      w.value_c = 10;
+      ASSERT_EQ(kfs_file_wopen(s.get(), &w), 0u);
+      ASSERT_EQ(kfs_file_close(s.get(), w.handle), 0u);
+    }
+    s->agent_time = stamp;
+    EXPECT_EQ(release(s.get(), 5), 0u);
+    ASSERT_EQ(kfs_session_open(s.get()), 0u);
+    EXPECT_EQ(s->agent_time, stamp == 1700000000u ? stamp : 0u);
+  }
 
   // After a server that was killed, each user's next stamp is withheld
   // once: what it had answered but not stored is then compared again.
   kill(server_.pid(), SIGKILL);
   server_.stop();
   ASSERT_TRUE(server_.start(data_dir()));
+  s = kfsd_session(port(), 8, kKey8);
   for (uint32_t want : {0u, 1700000300u}) {
-    test_client k;
-    ASSERT_TRUE(k.connect(port()));
-    ASSERT_EQ(k.login(8, kKey8), 0);
-    ASSERT_EQ(k.lock(8), 0);
-    EXPECT_EQ(k.call(KFS_USER_LOCK, wire().u8(5).u32(1700000300).b), 0);
-    ASSERT_EQ(k.login(8, kKey8, &reply), 0);
-    EXPECT_EQ(parse_login(reply).agent_time, want);
+    ASSERT_EQ(kfs_session_open(s.get()), 0u);
+    ASSERT_EQ(lock(s.get(), 8), 0u);
+    s->agent_time = 1700000300u;
+    EXPECT_EQ(release(s.get(), 5), 0u);
+    ASSERT_EQ(kfs_session_open(s.get()), 0u);
+    EXPECT_EQ(s->agent_time, want);
   }
 }
 
