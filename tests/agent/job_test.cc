@@ -180,49 +180,4 @@ TEST_F(Job, UserHeldByAnotherRunGivesUpAfterThirteenAttempts) {
   EXPECT_FALSE(path_exists(root_ + "/etc/nightly.job.fci"));
 }
 
-// The agent against a server that misbehaves once in a run: it never
-// crashes, every request it sends is well formed, no upload it opens is
-// closed without a block, and the run still ends with its release.
-TEST_F(Job, AgainstAServerThatMisbehaves) {
-  make_tree(src_);
-  // A folder whose name ends in '\\': its children's paths name nothing.
-  make_dirs(src_ + "/odd\\");
-  write_file(src_ + "/odd\\/inside", "never opened");
-  using fault = script_fault;
-  const struct {
-    const char* name;
-    std::vector<script_step> script;
-  } rows[] = {
-      {"well behaved", {}},
-      {"a reply with sequence 9", {{fault::reply_sequence, 3, 9}}},
-      {"dropped, then a damaged key",
-       {{fault::reply_drop, 8}, {fault::key_damaged, 1}}},
-      {"bad checksum", {{fault::reply_bad_crc, 7}}},
-      {"stray bytes after a reply", {{fault::reply_trailing, 9, 4}}},
-      {"an error status", {{fault::reply_status, 20, ERR_IO}}},
-      {"a reply of the wrong type", {{fault::reply_type, 49, 0x80}}},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    scripted_server server;
-    ASSERT_TRUE(server.start(row.script));
-    write_file(root_ + "/etc/hosts",
-               "127.0.0.1:" + std::to_string(server.port()) + "\n");
-    run_result r = run_agent();
-    server.stop();
-    EXPECT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_EQ(server.malformed(), "");
-    std::vector<seen_request> seen = server.requests();
-    std::string types;
-    for (size_t i = 0; i < seen.size(); ++i) {
-      types += std::to_string(seen[i].type) + " ";
-      EXPECT_FALSE(i > 0 && seen[i - 1].type == KFS_FILE_WOPEN &&
-                   seen[i].type == KFS_FILE_CLOSE)
-          << "an upload closed empty at request " << i;
-    }
-    ASSERT_FALSE(seen.empty());
-    EXPECT_EQ(seen.back().type, KFS_USER_LOCK) << types;  // the release
-  }
-}
-
 }  // namespace

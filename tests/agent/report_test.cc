@@ -209,17 +209,4 @@ TEST_F(Report, TemplateLoading) {
   }
 }
 
-TEST_F(Report, OverflowAbandons) {
-  job_ = std::string(131071, 'j');
-  EXPECT_EQ(compose("#JOB#"), job_);
-  EXPECT_EQ(report_state_now(), REPORT_IDLE);
-
-  report_reset();
-  remove("report.eml");
-  job_ += 'j';
-  compose("#JOB#");
-  EXPECT_EQ(report_state_now(), REPORT_ABANDONED);
-  EXPECT_FALSE(path_exists("report.eml"));
-}
-
 }  // namespace

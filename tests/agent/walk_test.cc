@@ -223,25 +223,6 @@ TEST_F(WalkService, ListingDecidesWithinAnHourOfTheServicesTime) {
   }
 }
 
-TEST_F(WalkService, UpToDateAtOpenIsRecorded) {
-  struct stat st;
-  ASSERT_EQ(lstat("src/one", &st), 0);
-  backup_file_with_key(&s_, KEY, "src/gone", "/7/b/gone", &st);  // silent
-  backup_file_with_key(&s_, KEY, "src/one", "/7/b/none/one", &st);
-  backup_file_with_key(&s_, KEY, "src/one", "/7/b/one", &st);
-  EXPECT_EQ(counts(), (std::vector<int64_t>{1, 0, 1}));
-  // Unknown to the index but held by the service: up to date, and recorded
-  // so that the next run asks nothing.
-  fci_close(fci_run_context(), 0);
-  begin_run(0);
-  backup_file_with_key(&s_, KEY, "src/one", "/7/b/one", &st);
-  fci_close(fci_run_context(), 5);
-  server_.stop();
-  begin_run(5);
-  backup_file_with_key(&s_, KEY, "src/one", "/7/b/one", &st);
-  EXPECT_EQ(counts(), (std::vector<int64_t>{0, 1, 0}));
-}
-
 // The index must see a file's whole size and its time as the service keeps
 // it (the low 32 bits), whatever the widths of off_t and time_t on the box;
 // and a file with a time past 2038 or before 1970 is walked like any other.

@@ -164,29 +164,4 @@ TEST(StrList, SortOrdersListsOfEverySize) {
   }
 }
 
-TEST(StrSplit, DropsEmptyPieces) {
-  struct {
-    const char* text;
-    const char* delim;
-    Items want;
-  } const cases[] = {
-      {"a@b,c@d", ",", {"a@b", "c@d"}},
-      {"a,,b,", ",", {"a", "b"}},
-      {"", ",", {}},
-      {",,,", ",", {}},
-      {"x::y:z::", "::", {"x", "y:z"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    str_list* list = str_split(c.text, c.delim, nullptr);
-    ASSERT_NE(list, nullptr);
-    EXPECT_EQ(items_of(list), c.want);
-    str_list_free(list);
-  }
-  errno = 0;
-  EXPECT_EQ(str_split("a", "", nullptr), nullptr);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(str_split(nullptr, ",", nullptr), nullptr);
-}
-
 }  // namespace

@@ -11,7 +11,6 @@
 
 namespace {
 
-using Seen = std::vector<std::pair<uintptr_t, uintptr_t>>;  // key, value
 
 void* word(uintptr_t w) {
   return reinterpret_cast<void*>(w);
@@ -27,12 +26,8 @@ int same_word(const void* a, const void* b, int32_t) {
   return a == b;
 }
 
-void record(const void* key, int32_t, void* value, void* user) {
-  static_cast<Seen*>(user)->emplace_back(word_of(key), word_of(value));
-}
-
-hash_table* word_table(int unique, hash_release_fn release = nullptr) {
-  return hash_create(nullptr, 19, 4, 0, unique, identity, same_word, release);
+hash_table* word_table(int unique) {
+  return hash_create(nullptr, 19, 4, 0, unique, identity, same_word, nullptr);
 }
 hash_table* default_table(int32_t key_len, int unique = 0) {
   return hash_create(nullptr, 19, key_len, 0, unique, nullptr, nullptr,
@@ -132,52 +127,6 @@ TEST(Hash, UniqueRefusesAndPlainKeepsTheOldestFirst) {
   EXPECT_EQ(hash_insert(nullptr, word(5), nullptr), -1);
   EXPECT_EQ(hash_lookup(nullptr, word(5), nullptr), 0);
   EXPECT_EQ(hash_remove(nullptr, word(5), nullptr), -1);
-}
-
-TEST(Hash, ReleaseSeesEveryLeavingEntryOnceWithUser) {
-  hash_table* t = word_table(0, record);
-  for (uintptr_t k : {1u, 20u, 3u, 39u, 4u}) {  // 1, 20 and 39 share bucket 1
-    hash_insert(t, word(k), word(k * 10));
-  }
-  Seen seen;
-  EXPECT_EQ(hash_remove(t, word(20), &seen), 4);
-  EXPECT_EQ(hash_remove(t, word(20), &seen), -1);
-  hash_clear(t, &seen);  // bucket order, then chain order
-  EXPECT_EQ(seen, (Seen{{20, 200}, {1, 10}, {39, 390}, {3, 30}, {4, 40}}));
-  EXPECT_EQ(hash_lookup(t, word(1), nullptr), 0);
-  EXPECT_EQ(hash_insert(t, word(5), word(50)), 0);
-  seen.clear();
-  hash_destroy(t, &seen);
-  EXPECT_EQ(seen, (Seen{{5, 50}}));
-}
-
-TEST(Hash, DefaultsAreSdbmAndEqualityOfTheKeyBytes) {
-  // Worked out by hand from h = byte + (h << 6) + (h << 16) - h, from h = 0.
-  const struct {
-    const char* name;
-    const char* key;
-    int32_t key_len;  // 0: text
-    uint32_t want;
-  } cases[] = {
-      {"empty text", "", 0, 0},
-      {"one byte", "a", 0, 97},
-      {"two bytes", "ab", 0, 98 + (97u << 6) + (97u << 16) - 97},
-      {"a high byte counts as 255", "\xff", 0, 255},
-      {"counted bytes go past a NUL", "a\0b", 3, 801366083},
-      {"wraps at 32 bits", "abcdef", 0, 2534611139u},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    hash_table* t = default_table(c.key_len);
-    EXPECT_EQ(t->hash(c.key, c.key_len), c.want);
-    hash_destroy(t, nullptr);
-  }
-  // A counted table compares key_len bytes only, whatever follows them.
-  hash_table* t = default_table(2, 1);
-  EXPECT_EQ(hash_insert(t, "abX", nullptr), 0);
-  EXPECT_EQ(hash_lookup(t, "abY", nullptr), 1);
-  EXPECT_EQ(hash_lookup(t, "aX", nullptr), 0);
-  hash_destroy(t, nullptr);
 }
 
 }  // namespace

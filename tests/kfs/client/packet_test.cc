@@ -45,34 +45,6 @@ TEST(KfsBody, RequestBytesAreBigEndianBehindTheHeader) {
   EXPECT_EQ(m->flags & KFS_FLAG_EXPECTS_RESPONSE, KFS_FLAG_EXPECTS_RESPONSE);
 }
 
-TEST(KfsBody, LimitsOfTextsBodyAndWrites) {
-  auto m = new_message();
-  kfs_body body;
-  kfs_body_begin(m.get(), &body);
-  kfs_put_str8(&body, std::string(300, 'q').c_str());  // length byte wraps
-  EXPECT_EQ(wire_of(*m).substr(0, 2),
-            "\x2C"
-            "q");
-  std::string fill(KFS_MAX_BODY - body.length, '3');
-  ASSERT_EQ(
-      kfs_put_bytes(&body, fill.data(), static_cast<uint32_t>(fill.size())), 0);
-  EXPECT_EQ(kfs_put_u8(&body, 1), -1);  // one byte too many
-  EXPECT_FALSE(kfs_body_ok(&body));
-  EXPECT_EQ(body.length, KFS_MAX_BODY);
-
-  std::string data(KFS_MAX_WRITE_DATA + 1, 'Z');
-  ASSERT_EQ(kfs_build_file_write(m.get(), 7, 0, data.data(), 65491), 0u);
-  EXPECT_EQ(wire_of(*m).substr(0, 10),
-            std::string("\xFF\xD7\x0C\0\0\0\x07\0\xFF\xD3", 10));
-  EXPECT_NE(m->flags & KFS_FLAG_EXPECTS_RESPONSE, 0u);
-  auto refused = new_message();
-  EXPECT_EQ(kfs_build_file_write(refused.get(), 7, 0, data.data(), 65492),
-            ERR_DATAMAX);
-  EXPECT_EQ(wire_of(*refused), std::string(6, '\0'));
-  ASSERT_EQ(kfs_build_file_write(m.get(), 7, KFS_WRITE_NO_ACK, "x", 1), 0u);
-  EXPECT_EQ(m->flags & KFS_FLAG_EXPECTS_RESPONSE, 0u);
-}
-
 // A received body: readers stay inside data_length, and a text reader that
 // fails consumes nothing.
 TEST(KfsReader, TextsAndNumbersAtTheEnd) {

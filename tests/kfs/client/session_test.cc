@@ -148,23 +148,6 @@ TEST_F(Session, AgainstAServerThatMisbehaves) {
   }
 }
 
-TEST_F(Session, FollowsARedirectAndRemembersTheServer) {
-  scripted_server target;
-  ASSERT_TRUE(target.start({}));
-  // A login reply naming one server, with redirect set.
-  std::string ip = "127.0.0.1";
-  int port = target.port();
-  std::string login = std::string(1, '\1') + static_cast<char>(ip.size()) + ip +
-                      static_cast<char>(port >> 8) + static_cast<char>(port) +
-                      std::string(42, '\0');
-  serve({{f::reply_body, 0, 0, login}});
-  EXPECT_EQ(run(), 0u);
-  EXPECT_EQ(read_file("hosts.agent"), ip + ":" + std::to_string(port) + "\n");
-  EXPECT_EQ(s_->port, static_cast<uint32_t>(port));
-  EXPECT_EQ(target.requests().size(), 2u);  // the second login, the stat
-  EXPECT_EQ(server_.malformed() + target.malformed(), "");
-}
-
 TEST_F(Session, RefusalsBeforeAnyTraffic) {
   serve({});
   s_->auth_mode = 5;

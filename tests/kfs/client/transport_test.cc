@@ -99,21 +99,6 @@ TEST_P(Packets, BadPacketIsDroppedAndTheStreamStaysInStep) {
   }
 }
 
-TEST_P(Packets, ClosedPeerIsAnErrorNotASignal) {
-  EXPECT_EQ(sock_is_idle(fds_[0]), 1);
-  ASSERT_EQ(fd_write_all(fds_[1], "ab", 2), 2);
-  close(fds_[1]);
-  fds_[1] = -1;
-  EXPECT_EQ(sock_is_idle(fds_[0]), 0);  // readable at end of file
-  uint8_t b[4];
-  EXPECT_EQ(sock_read_all(fds_[0], b, 4), -1);  // closed after 2 bytes
-  EXPECT_EQ(kfs_packet_send(fds_[0], sender_, out_.get()), ERR_SCKWRITE);
-  EXPECT_EQ(kfs_packet_recv(fds_[0], receiver_, in_.get()), ERR_SCKREAD);
-  errno = 0;
-  EXPECT_EQ(sock_connect("", 80), -1);
-  EXPECT_EQ(errno, EINVAL);
-}
-
 INSTANTIATE_TEST_SUITE_P(Modes, Packets, testing::Values(0, KFS_MODE_AES));
 
 }  // namespace

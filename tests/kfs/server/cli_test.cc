@@ -161,31 +161,4 @@ TEST_F(Cli, OperatorCommandsAndTheUserLock) {
   EXPECT_EQ(r.out.find("\"id\": 8"), npos) << r.out;
 }
 
-// The configuration file names the folder and the switches; flags win.
-TEST_F(Cli, ServesFromAConfigurationFile) {
-  kfsd_init(dir() + "/other");
-  write_file("kfsd.conf", "# a service\ndata = " + dir() +
-                              "/other\nlisten = 256.0.0.1:1\nverbose = yes\n");
-  port_process server;
-  std::string port_file = new_port_file("conf");
-  ASSERT_TRUE(
-      server.start(KFSD_PATH,
-                   {"kfsd", "serve", "--config", "kfsd.conf", "--listen",
-                    "127.0.0.1:0", "--port-file", port_file},
-                   port_file));
-  EXPECT_EQ(login(7, kKey7, server.port()), ERR_AUTH_FAILURE);  // no users
-}
-
-TEST_F(Cli, StopsPromptlyOnSigterm) {
-  // An idle connection does not hold it up.
-  session_ptr idle = kfsd_session(port(), 7, kKey7);
-  ASSERT_EQ(kfs_session_open(idle.get()), 0u);
-  struct timespec before, after;
-  clock_gettime(CLOCK_MONOTONIC, &before);
-  server_.stop();
-  clock_gettime(CLOCK_MONOTONIC, &after);
-  EXPECT_LT(after.tv_sec - before.tv_sec, 3);
-  EXPECT_TRUE(closed_by_server(idle->socket));
-}
-
 }  // namespace
