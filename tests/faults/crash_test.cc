@@ -56,15 +56,11 @@ class Crash : public TempDirTest {
 
   void rewrite(int i) {
     const char* folders[] = {"/a/b/f", "/a/f", "/f"};
-    std::string data(gen_() % (12 * kBlock), '\0');
-    for (size_t k = 0; k < data.size(); ++k) {
-      data[k] = i % 2 == 0 ? static_cast<char>('a' + (k / 7 + gen_()) % 4)
-                           : static_cast<char>(gen_());
-    }
-    write_file(src_ + folders[i % 3] + std::to_string(i), data);
+    write_file(src_ + folders[i % 3] + std::to_string(i),
+               make_content(gen_, gen_() % (12 * kBlock), i % 2 == 0));
   }
 
-  std::mt19937_64 gen_{20261121};
+  std::mt19937 gen_{20261121};
   std::string src_;
   backup_service svc_;
   fault_proxy proxy_;

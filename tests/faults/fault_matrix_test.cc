@@ -23,10 +23,8 @@ class FaultMatrix : public TempDirTest {
     make_dirs(src_ + "/sub");
     write_file(src_ + "/empty", "");
     write_file(src_ + "/one", "a single block");
-    std::string big;
-    for (uint32_t i = 0; i < 3 * kBlock + 10; ++i) {
-      big += static_cast<char>(i * 7 + i / 251);
-    }
+    std::mt19937 gen(7);
+    std::string big = make_content(gen, 3 * kBlock + 10, false);
     write_file(src_ + "/big", big);
     write_file(src_ + "/sub/two", big.substr(0, 2 * kBlock));
   }

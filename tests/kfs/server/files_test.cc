@@ -45,8 +45,10 @@ class Files : public KfsdFixture {
   }
 
   uint32_t write(uint8_t handle, uint8_t flags, const Bytes& data) {
-    kfs_write_args a = {handle, flags, static_cast<uint32_t>(data.size()),
-                        data.data(), 0};
+    // Never a null pointer, as the agent never passes one.
+    kfs_write_args a = {
+        handle, flags, static_cast<uint32_t>(data.size()),
+        data.empty() ? static_cast<const void*>("") : data.data(), 0};
     return kfs_file_write(s_.get(), &a);
   }
 
