@@ -48,6 +48,7 @@ TEST_F(Cli, ErrorsAndExitStatuses) {
       {"serve missing", 1, "no data folder"},
       {"serve damaged", 1, "damaged/kfsd.db"},
       {"serve D --fast", 2, "unknown argument"},
+      {"serve D --no-sync --no-sync", 2, "--no-sync given twice"},
       {"serve D --listen localhost:1", 2, "--listen"},
       {"serve D --block-size 0", 2, "--block-size"},
       {"serve D --announce a:1 --announce b:2 --announce c:3", 2,
@@ -56,6 +57,9 @@ TEST_F(Cli, ErrorsAndExitStatuses) {
       {"user add D --name x", 2, "--id and --name"},
       {"user add D --id -1 --name x", 2, "--id"},
       {"user add D --id 9 --name nnnnnnnnnnnnnnnnnnnnn", 2, "--name"},
+      {"user add D --id 10 --name x --account "
+       "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa",
+       0, ""},  // the longest account text
       {"user add D --id 7 --name x --key-file 7.key", 1, "user 7 exists"},
       {"user add D --id 9 --name x --key-file short.key", 1, "64 hex digits"},
       {"user add missing --id 9 --name x", 1, "no data folder"},
